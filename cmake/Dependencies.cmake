@@ -1,0 +1,22 @@
+# Every library comes from Debian's packages; ./dev installs them.
+find_package(Threads REQUIRED)
+find_package(Boost 1.81 REQUIRED) # Asio and Beast, headers only
+find_package(ICU 72 REQUIRED COMPONENTS uc i18n)
+find_package(SQLite3 3.40 REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(jansson REQUIRED IMPORTED_TARGET jansson>=2.14)
+pkg_check_modules(smartcols REQUIRED IMPORTED_TARGET smartcols)
+
+# Flags that every file of ours is compiled with; third-party headers come in as SYSTEM and are left alone.
+add_library(dirwell_flags INTERFACE)
+target_compile_options(dirwell_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor
+                       -Woverloaded-virtual -Wcast-align -Wformat=2 -Werror)
+target_compile_definitions(dirwell_flags INTERFACE _GNU_SOURCE)
+target_include_directories(dirwell_flags INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_link_libraries(dirwell_flags INTERFACE Threads::Threads)
+
+if(DIRWELL_SANITIZE)
+  add_compile_options(-fsanitize=${DIRWELL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${DIRWELL_SANITIZE})
+endif()

@@ -1,0 +1,35 @@
+// The description of one entry as the JSON object that the web file manager shows.
+#pragma once
+
+#include <jansson.h>
+
+#include <cstdint>
+#include <string>
+
+#include "entry/resource_entry.h"
+
+namespace dirwell {
+
+// Describes the entries of one request, in listing order. One thread; always held by a std::shared_ptr.
+class Formatter {
+ public:
+  virtual ~Formatter() = default;
+  // A new JSON object with one reference, owned by the caller. Never fails as a whole: a probe that fails leaves its key
+  // at its default.
+  virtual json_t *format(const ResourceEntry &entry) = 0;
+  // Adds the machine-wide settings to `object`; the base adds none.
+  virtual void formatSettings(json_t *object);
+};
+
+class LegacyFormatter final : public Formatter {
+ public:
+  json_t *format(const ResourceEntry &entry) override;
+  void formatSettings(json_t *object) override;
+
+ private:
+  std::int32_t projectionType = 0;  // carried from one JPEG or MP4 entry to all that follow it
+  std::int32_t aclRight = 0;
+  std::int32_t hasH265 = 0;
+};
+
+}  // namespace dirwell

@@ -1,0 +1,49 @@
+// Jobs of the daemon itself: requests that run on threads, first in, first out.
+#pragma once
+
+#include <jansson.h>
+
+#include <condition_variable>
+#include <list>
+#include <mutex>
+#include <vector>
+
+#include "platform/include/hxrest.h"
+
+namespace dirwell {
+
+class ThreadPool {
+ public:
+  // Starts `count` threads. Throws std::system_error when not even one can be started.
+  explicit ThreadPool(std::size_t count);
+  // Joins the threads (stop() must have been called, or this waits for ever), then releases the jobs that never ran.
+  ~ThreadPool();
+  ThreadPool(const ThreadPool &) = delete;
+  ThreadPool &operator=(const ThreadPool &) = delete;
+
+  // Appends a job and takes over `io`, one reference of `request_object` and `descriptor`: whether the job runs or not,
+  // they are released. Any thread.
+  void submit(hx_rest_handler handler, hx_request *request, hx_io *io, json_t *request_object, int descriptor);
+
+  // Puts a stop job before all waiting jobs: every thread ends after the job it is running. Any thread.
+  void stop();
+
+ private:
+  struct Job {
+    hx_rest_handler handler = nullptr;  // none: the stop job
+    hx_request *request = nullptr;
+    hx_io *io = nullptr;
+    json_t *request_object = nullptr;
+    int descriptor = -1;
+  };
+
+  static void *run(void *self);
+  static void release(Job &job);
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::list<Job> ring_;
+  std::vector<pthread_t> threads_;
+};
+
+}  // namespace dirwell

@@ -1,0 +1,30 @@
+// Process state that a test changes and puts back.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace dirwell::test {
+
+// An environment variable for the length of a scope. A change of TZ takes effect at once.
+class ScopedEnvironment {
+ public:
+  ScopedEnvironment(std::string name, const std::string &value);
+  ~ScopedEnvironment();
+  ScopedEnvironment(const ScopedEnvironment &) = delete;
+  ScopedEnvironment &operator=(const ScopedEnvironment &) = delete;
+
+ private:
+  std::string name_;
+  std::string before_;
+  bool was_set_;
+};
+
+// What `action` writes to standard error.
+std::string captured_stderr(const std::function<void()> &action);
+
+// Runs `action` in a forked process, with a time limit of 20 seconds, and returns its wait status; the child ends with
+// status 0 when `action` returns. A child that hangs is killed, which the status shows.
+int in_child(const std::function<void()> &action);
+
+}  // namespace dirwell::test
