@@ -1,6 +1,10 @@
 # A room is one folder under src/ and one static library of all its sources.
 function(dirwell_room name)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  if(NOT sources)
+    add_library(${name} INTERFACE)
+    return()
+  endif()
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC dirwell_flags ${ARGN})
 endfunction()

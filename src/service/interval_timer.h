@@ -22,8 +22,8 @@ class IntervalTimer {
   // false, with the timer stopped, when the timer or its thread cannot be made. Not safe against a concurrent stop().
   bool start(unsigned seconds);
 
-  // Ends the timer at once and joins its thread; a callback under way is waited for. Does nothing when not running. Must
-  // not be called by the callback.
+  // Ends the timer at once and joins its thread; a callback under way is waited for. Does nothing when not running.
+  // Must not be called by the callback.
   void stop();
 
  private:

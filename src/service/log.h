@@ -19,7 +19,9 @@ extern std::int32_t log_level;
 // The threshold of each severity: its lines are written when log_level is greater.
 enum class Severity : std::int32_t { fatal = 0, error = 2, warning = 3, info = 5, debug = 6, trace = 7 };
 
-inline bool log_enabled(Severity severity) { return log_level > static_cast<std::int32_t>(severity); }
+inline bool log_enabled(Severity severity) {
+  return log_level > static_cast<std::int32_t>(severity);
+}
 
 // Where a D or T line comes from: the source's name without folder and extension, the line, the function.
 struct SourcePlace {
@@ -28,7 +30,8 @@ struct SourcePlace {
   const char *function;
 
   // The calling place itself, under the name of its file or under `source` where one component has several files.
-  static SourcePlace here(std::string_view source = {}, std::source_location location = std::source_location::current());
+  static SourcePlace here(std::string_view source = {},
+                          std::source_location location = std::source_location::current());
 };
 
 // Each writes one line when its severity is enabled, else nothing; no other effect, errno untouched. `format` and what

@@ -17,8 +17,8 @@ class Session {
   // the session and ends the process with SIGTERM once it is gone. Any thread.
   static Session &instance();
 
-  // Stores the id, names the instance "dirwell-" + sid and, if the session is alive, takes over its user's ids. Logs one
-  // E line. Start-up only.
+  // Stores the id, names the instance "dirwell-" + sid and, if the session is alive, takes over its user's ids. Logs
+  // one E line. Start-up only.
   void set_sid(const std::string &sid);
 
   [[nodiscard]] std::string sid() const { return sid_; }
@@ -31,8 +31,8 @@ class Session {
   // Asks the platform whether the session is valid now, and refills the record. Any thread.
   bool alive();
 
-  // Takes on the session user's groups, group and user as the effective ones, in this order; with `restore` goes back to
-  // the real group and user. Returns false when the process does not hold the wanted identity afterwards; the caller
+  // Takes on the session user's groups, group and user as the effective ones, in this order; with `restore` goes back
+  // to the real group and user. Returns false when the process does not hold the wanted identity afterwards; the caller
   // must then touch no file. Only in a process of its own.
   bool seteuser(bool restore);
 

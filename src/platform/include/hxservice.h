@@ -52,7 +52,10 @@ void hx_worker_fini(hx_service *service, hx_worker_hook hook, void *argument);
  */
 int hx_start(hx_service *service);
 
-/* Asks the loop to end. May be called from any thread and from a signal handler; a forked child's call does nothing. */
+/*
+ * Asks the loop to end; before hx_start it makes hx_start return as soon as its hooks have run. May be called from any
+ * thread and from a signal handler; a forked child's call does nothing.
+ */
 void hx_stop(hx_service *service);
 
 /* Frees the service after hx_start has returned. NULL is allowed. */

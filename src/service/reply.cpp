@@ -1,0 +1,107 @@
+#include "service/reply.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "service/json.h"
+#include "service/log.h"
+
+namespace dirwell {
+
+namespace {
+
+// Collects the serialiser's many small pieces, so that a page of entries costs a few writes and not some hundred
+// thousand.
+class BufferedWriter {
+ public:
+  explicit BufferedWriter(int descriptor) : descriptor_(descriptor) {}
+
+  bool append(const char *data, std::size_t size) {
+    while (size > 0) {
+      if (used_ == buffer_.size() && !flush()) {
+        return false;
+      }
+      const std::size_t piece = std::min(size, buffer_.size() - used_);
+      std::memcpy(buffer_.data() + used_, data, piece);
+      used_ += piece;
+      data += piece;
+      size -= piece;
+    }
+    return true;
+  }
+
+  bool flush() {
+    std::size_t done = 0;
+    while (done < used_) {
+      const ssize_t written = ::write(descriptor_, buffer_.data() + done, used_ - done);
+      if (written < 0 && errno == EINTR) {
+        continue;
+      }
+      if (written <= 0) {
+        return false;
+      }
+      done += static_cast<std::size_t>(written);
+    }
+    used_ = 0;
+    return true;
+  }
+
+ private:
+  int descriptor_;
+  std::size_t used_ = 0;
+  std::array<char, 65536> buffer_;
+};
+
+int append_to_descriptor(const char *data, std::size_t size, void *writer) {
+  return static_cast<BufferedWriter *>(writer)->append(data, size) ? 0 : -1;
+}
+
+int append_to_io(const char *data, std::size_t size, void *io) {
+  return hx_io_write(static_cast<hx_io *>(io), data, size) == size ? 0 : -1;
+}
+
+// Write errors are not reported: they mean that the client is going away.
+void write_to_descriptor(int descriptor, const json_t *object) {
+  if (dirwell::dprintf(descriptor, "Content-Type: application/json; charset=utf-8\r\n\r\n") < 0) {
+    return;
+  }
+  BufferedWriter writer(descriptor);
+  if (json_dump_callback(object, append_to_descriptor, &writer, reply_json_flags) == 0) {
+    writer.flush();
+  }
+  // Matters where the bus hands out a file; a socket has nothing to sync and says so.
+  ::fsync(descriptor);
+}
+
+}  // namespace
+
+bool dump_json(const json_t *value, hx_io *io) {
+  return json_dump_callback(value, append_to_io, io, reply_json_flags) == 0;
+}
+
+void write_reply(hx_io *io, int descriptor, json_t *result, const ErrorRecord &record) {
+  if (hx_io_alive(io) == 0) {
+    return;
+  }
+  if (record.code != error_none && result != nullptr) {
+    json_object_clear(result);
+  }
+  const JsonRef own(result == nullptr ? json_object() : nullptr);
+  json_t *object = result == nullptr ? own.get() : result;
+  json_object_set_new(object, "error_code", json_integer(record.code));
+  // A message quotes only fixed texts and texts of the database, which need not be well-formed.
+  json_object_set_new(object, "error_message", json_text(record.message).release());
+  hx_io_realloc(io, 0);
+  if (descriptor < 0) {
+    dump_json(object, io);
+  } else {
+    write_to_descriptor(descriptor, object);
+  }
+  hx_reply(io);
+}
+
+}  // namespace dirwell

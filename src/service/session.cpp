@@ -1,0 +1,92 @@
+#include "service/session.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <vector>
+
+#include "service/fork_gate.h"
+#include "service/log.h"
+
+namespace dirwell {
+
+namespace {
+
+constexpr unsigned liveness_period_seconds = 30;
+constexpr int check_only = 1;  // the platform's flag for a look that does not prolong the session
+constexpr std::size_t group_capacity = 65536;
+
+// Where readers of trace output look for the switch of identity.
+constexpr SourcePlace identity_place{"session", 97, "seteuser"};
+
+std::mutex creation_mutex;
+
+}  // namespace
+
+Session &Session::instance() {
+  const std::lock_guard lock(creation_mutex);
+  static Session session;
+  return session;
+}
+
+Session::Session() {
+  liveness_.set_callback([this] {
+    const fork_gate::Section section;
+    if (!alive()) {
+      log_error("[session] %s is not alive.", sid_.c_str());
+      ::kill(::getpid(), SIGTERM);
+    }
+  });
+  liveness_.start(liveness_period_seconds);
+}
+
+void Session::set_sid(const std::string &sid) {
+  sid_ = sid;
+  instance_name_ = "dirwell-" + sid;
+  log_error("[session] %s be set.", sid_.c_str());
+  if (!alive()) {
+    return;
+  }
+  static std::array<char, 1024> buffer;
+  passwd account{};
+  passwd *found = nullptr;
+  if (::getpwuid_r(record_.uid, &account, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
+    uid_ = account.pw_uid;
+    gid_ = account.pw_gid;
+  }
+}
+
+std::string Session::user_name() const {
+  const std::lock_guard lock(mutex_);
+  return record_.user;
+}
+
+bool Session::alive() {
+  const std::lock_guard lock(mutex_);
+  return auth_get_session_ex(sid_.c_str(), check_only, &record_) == 0;
+}
+
+bool Session::seteuser(bool restore) {
+  std::vector<gid_t> groups(group_capacity, 0);
+  int count = static_cast<int>(groups.size());
+  count = ::getgrouplist(user_name().c_str(), gid_, groups.data(), &count);
+  // A failed lookup clears the supplementary groups. An ordinary user may not set them at all, and already has its own.
+  const bool groups_set = ::setgroups(static_cast<std::size_t>(std::max(0, count)), groups.data()) == 0 ||
+                          (errno == EPERM && ::geteuid() != 0);
+  if (log_enabled(Severity::trace)) {
+    for (const gid_t group : groups) {
+      log_trace(identity_place, "[session] gid = %d", static_cast<int>(group));
+    }
+  }
+  const gid_t gid = restore ? ::getgid() : gid_;
+  const uid_t uid = restore ? ::getuid() : uid_;
+  const bool switched = ::setegid(gid) == 0 && ::seteuid(uid) == 0;
+  return groups_set && switched && ::getegid() == gid && ::geteuid() == uid;
+}
+
+}  // namespace dirwell
