@@ -1,0 +1,192 @@
+#include "platform/host/config.h"
+
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <unordered_map>
+
+#include "platform/host/config_line.h"
+#include "platform/host/regular_file.h"
+#include "platform/include/hxservice.h"
+#include "platform/include/strata_config.h"
+
+namespace dirwell::host {
+namespace {
+
+// Configuration is written by people; what is larger than this is some other file in the place of one.
+constexpr std::size_t largest_file = std::size_t{16} << 20;
+
+// Time stamps of files advance in steps of up to 10 ms: a file that changed less than this before it was read could
+// change once more, to the same size, without its status telling so.
+constexpr std::int64_t settling_nanoseconds = 100'000'000;
+
+std::int64_t nanoseconds(const timespec &time) {
+  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+// Everything that differs when a file's content may differ. Who reads belongs to it: a request process that has taken
+// on a user's identity sees what that user may read, whatever the daemon had read before.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t modified = 0;
+  std::int64_t changed = 0;
+  uid_t reader = 0;
+  gid_t reader_group = 0;
+
+  FileIdentity() = default;
+  explicit FileIdentity(const struct stat &status)
+      : device(status.st_dev),
+        inode(status.st_ino),
+        size(status.st_size),
+        modified(nanoseconds(status.st_mtim)),
+        changed(nanoseconds(status.st_ctim)),
+        reader(::geteuid()),
+        reader_group(::getegid()) {}
+
+  bool operator==(const FileIdentity &) const = default;
+
+  [[nodiscard]] bool settled() const {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const std::int64_t age = nanoseconds(now) - changed;
+    return age > settling_nanoseconds || age < -settling_nanoseconds;
+  }
+};
+
+struct CachedFile {
+  FileIdentity identity;
+  bool settled = false;
+  std::shared_ptr<const ConfigFile> parsed;
+};
+
+struct Cache {
+  std::mutex mutex;
+  std::map<std::string, CachedFile, std::less<>> files;
+};
+
+// Never destroyed: threads may still ask while the process ends.
+Cache &cache() {
+  static Cache &only = *new Cache;
+  return only;
+}
+
+constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+
+}  // namespace
+
+ConfigFile::ConfigFile(std::string content) : content_(std::move(content)) {
+  std::string_view rest = content_;
+  if (rest.starts_with(byte_order_mark)) {
+    rest.remove_prefix(byte_order_mark.size());
+  }
+  constexpr std::size_t none = static_cast<std::size_t>(-1);
+  std::unordered_map<std::string, std::size_t> places;
+  std::size_t current = none;
+  while (!rest.empty()) {
+    const Line line = take_line(rest);
+    switch (line.kind) {
+      case LineKind::section: {
+        const auto [place, added] = places.try_emplace(folded_name(line.name), sections_.size());
+        if (added) {
+          sections_.push_back({line.name, {}});
+        }
+        current = place->second;
+        break;
+      }
+      case LineKind::broken_section:
+        // What follows was meant for another section: it must not change the meaning of the one before.
+        current = none;
+        break;
+      case LineKind::value:
+        if (current != none && !line.name.empty()) {
+          sections_[current].values.emplace_back(line.name, line.value);
+        }
+        break;
+      case LineKind::nothing:
+        break;
+    }
+  }
+}
+
+std::optional<std::string_view> ConfigFile::Section::value(std::string_view key) const {
+  const auto found =
+      std::find_if(values.begin(), values.end(), [key](const auto &pair) { return same_name(pair.first, key); });
+  if (found == values.end()) {
+    return std::nullopt;
+  }
+  return found->second;
+}
+
+std::optional<std::string_view> ConfigFile::value(std::string_view section, std::string_view key) const {
+  const auto found = std::find_if(sections_.begin(), sections_.end(),
+                                  [section](const Section &each) { return same_name(each.name, section); });
+  if (found == sections_.end()) {
+    return std::nullopt;
+  }
+  return found->value(key);
+}
+
+std::shared_ptr<const ConfigFile> config_file(const char *file) {
+  if (file == nullptr) {
+    return nullptr;
+  }
+  const std::string path = std::string(hx_root()) + file;
+  const std::lock_guard lock(cache().mutex);
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    cache().files.erase(path);
+    return nullptr;
+  }
+  const auto known = cache().files.find(path);
+  if (known != cache().files.end() && known->second.settled && known->second.identity == FileIdentity(status)) {
+    return known->second.parsed;
+  }
+  std::optional<std::string> content = read_regular_file(path, Links::follow, largest_file, status);
+  if (!content) {
+    cache().files.erase(path);
+    return nullptr;
+  }
+  CachedFile &cached = cache().files[path];
+  cached.identity = FileIdentity(status);
+  cached.settled = cached.identity.settled();
+  if (!cached.parsed || cached.parsed->content() != *content) {
+    cached.parsed = std::make_shared<const ConfigFile>(*std::move(content));
+  }
+  return cached.parsed;
+}
+
+}  // namespace dirwell::host
+
+using dirwell::host::config_file;
+
+int Get_Private_Profile_String(const char *section, const char *key, const char *fallback, char *buffer, int size,
+                               const char *file) {
+  if (buffer == nullptr || size <= 0) {
+    return 0;
+  }
+  std::string_view value = fallback != nullptr ? fallback : "";
+  const auto config = config_file(file);
+  if (config && section != nullptr && key != nullptr) {
+    value = config->value(section, key).value_or(value);
+  }
+  const std::size_t length = std::min(value.size(), static_cast<std::size_t>(size) - 1);
+  // The fallback may be the buffer itself.
+  std::memmove(buffer, value.data(), length);
+  buffer[length] = '\0';
+  return static_cast<int>(length);
+}
+
+int Get_Private_Profile_Integer(const char *section, const char *key, int fallback, const char *file) {
+  const auto config = config_file(file);
+  if (!config || section == nullptr || key == nullptr) {
+    return fallback;
+  }
+  const auto value = config->value(section, key);
+  return value ? dirwell::host::leading_integer(*value) : fallback;
+}
