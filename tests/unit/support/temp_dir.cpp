@@ -1,13 +1,14 @@
 #include "support/temp_dir.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <stdexcept>
 
 namespace dirwell::test {
 
-TempDir::TempDir() {
+TempDir::TempDir() : owner_(::getpid()) {
   std::string pattern = (std::filesystem::temp_directory_path() / "dirwell-test-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error("cannot make a test folder at " + pattern);
@@ -16,6 +17,9 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+  if (owner_ != ::getpid()) {
+    return;
+  }
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
 }

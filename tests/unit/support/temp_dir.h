@@ -1,6 +1,8 @@
 // A private folder that goes with its test.
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -24,6 +26,7 @@ class TempDir {
 
  private:
   std::filesystem::path path_;
+  pid_t owner_;  // a forked child that ends by exit() must leave the folder alone
 };
 
 }  // namespace dirwell::test

@@ -1,0 +1,134 @@
+#include "service/thread_pool.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "service/json.h"
+
+namespace dirwell {
+namespace {
+
+using namespace std::chrono_literals;
+
+// What the handlers of these tests see; handlers are plain functions.
+std::mutex seen_mutex;
+std::vector<json_int_t> seen;
+std::atomic<bool> hold{false};
+std::atomic<int> running{0};
+
+void record_handler(hx_request * /*request*/, hx_io *io, json_t *object, int descriptor) {
+  ++running;
+  while (hold) {
+    std::this_thread::sleep_for(1ms);
+  }
+  const std::lock_guard lock(seen_mutex);
+  seen.push_back(json_integer_value(json_object_get(object, "n")));
+  if (descriptor >= 0) {
+    [[maybe_unused]] const ssize_t written = ::write(descriptor, hx_io_read(io, 0), hx_io_size(io));
+  }
+}
+
+void throwing_handler(hx_request * /*request*/, hx_io * /*io*/, json_t * /*object*/, int /*descriptor*/) {
+  throw std::runtime_error("handler");
+}
+
+json_t *numbered(int n) { return json_pack("{s:i}", "n", n); }
+
+bool is_open(int descriptor) { return ::fcntl(descriptor, F_GETFD) != -1; }
+
+class ThreadPoolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    seen.clear();
+    hold = false;
+    running = 0;
+  }
+};
+
+TEST_F(ThreadPoolTest, RunsJobsInArrivalOrder) {
+  {
+    ThreadPool pool(1);
+    hold = true;
+    for (int n = 0; n < 50; ++n) {
+      pool.submit(record_handler, nullptr, hx_io_create(), numbered(n), -1);
+    }
+    hold = false;
+    while (running < 50) {
+      std::this_thread::sleep_for(1ms);
+    }
+    pool.stop();
+  }
+  ASSERT_EQ(seen.size(), 50U);
+  for (int n = 0; n < 50; ++n) {
+    EXPECT_EQ(seen[static_cast<std::size_t>(n)], n);
+  }
+}
+
+TEST_F(ThreadPoolTest, HandsTheJobItsIoAndDescriptorAndReleasesThemAfterwards) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  JsonRef object(numbered(7));
+  {
+    ThreadPool pool(1);
+    hx_io *io = hx_io_create();
+    hx_io_write(io, "text", 4);
+    pool.submit(record_handler, nullptr, io, json_incref(object.get()), ends[1]);
+    char text[8] = {};
+    EXPECT_EQ(::read(ends[0], text, sizeof text), 4);
+    EXPECT_STREQ(text, "text");
+    EXPECT_EQ(::read(ends[0], text, sizeof text), 0) << "the descriptor is closed after the job";
+    pool.stop();
+  }
+  EXPECT_EQ(object->refcount, 1U);
+  EXPECT_FALSE(is_open(ends[1]));
+  ::close(ends[0]);
+}
+
+TEST_F(ThreadPoolTest, NeverRunsJobsBehindAStopJobButReleasesThem) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  JsonRef object(numbered(2));
+  {
+    ThreadPool pool(1);
+    hold = true;
+    pool.submit(record_handler, nullptr, hx_io_create(), numbered(1), -1);
+    while (running == 0) {
+      std::this_thread::sleep_for(1ms);
+    }
+    pool.submit(record_handler, nullptr, hx_io_create(), json_incref(object.get()), ends[1]);
+    pool.stop();  // goes before the waiting job
+    pool.submit(record_handler, nullptr, hx_io_create(), numbered(3), -1);
+    hold = false;
+  }
+  EXPECT_EQ(seen, std::vector<json_int_t>{1});
+  EXPECT_EQ(object->refcount, 1U);
+  EXPECT_FALSE(is_open(ends[1]));
+  ::close(ends[0]);
+}
+
+TEST_F(ThreadPoolTest, StopEndsEveryThread) {
+  ThreadPool pool(4);
+  pool.stop();
+  // The destructor joins all four, or this test hangs.
+}
+
+TEST_F(ThreadPoolTest, GoesOnAfterAJobThatThrows) {
+  {
+    ThreadPool pool(1);
+    pool.submit(throwing_handler, nullptr, hx_io_create(), numbered(1), -1);
+    pool.submit(record_handler, nullptr, hx_io_create(), numbered(2), -1);
+    while (running < 1) {
+      std::this_thread::sleep_for(1ms);
+    }
+    pool.stop();
+  }
+  EXPECT_EQ(seen, std::vector<json_int_t>{2});
+}
+
+}  // namespace
+}  // namespace dirwell
