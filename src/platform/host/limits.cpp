@@ -1,0 +1,10 @@
+#include "platform/host/limits.h"
+
+namespace dirwell::host {
+
+Limits &limits() {
+  static Limits values;
+  return values;
+}
+
+}  // namespace dirwell::host
