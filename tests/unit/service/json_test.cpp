@@ -5,16 +5,19 @@
 namespace dirwell {
 namespace {
 
-JsonRef parse(const char *text) { return JsonRef(json_loads(text, JSON_DECODE_ANY, nullptr)); }
+JsonRef parse(const char *text) {
+  return JsonRef(json_loads(text, JSON_DECODE_ANY, nullptr));
+}
 
 TEST(JsonAsBool, IsTrueForTruePositiveIntegersAndTheWord) {
   const struct {
     const char *json;
     bool expected;
   } rows[] = {
-      {"true", true},      {"false", false},   {"1", true},       {"7", true},       {"0", false},   {"-1", false},
-      {"\"true\"", true},  {"\"TRUE\"", true}, {"\"True\"", true}, {"\"1\"", false}, {"\"\"", false}, {"\"yes\"", false},
-      {"\"true \"", false}, {"1.5", false},    {"{}", false},     {"[1]", false},    {"null", false},
+      {"true", true},  {"false", false},   {"1", true},          {"7", true},        {"0", false},
+      {"-1", false},   {"\"true\"", true}, {"\"TRUE\"", true},   {"\"True\"", true}, {"\"1\"", false},
+      {"\"\"", false}, {"\"yes\"", false}, {"\"true \"", false}, {"1.5", false},     {"{}", false},
+      {"[1]", false},  {"null", false},
   };
   for (const auto &row : rows) {
     EXPECT_EQ(json_as_bool(parse(row.json).get()), row.expected) << row.json;
@@ -27,9 +30,22 @@ TEST(JsonAsInt, TakesIntegersBooleansAndLeadingDigits) {
     const char *json;
     std::int64_t expected;
   } rows[] = {
-      {"12", 12},       {"-12", -12},       {"true", 1},       {"false", 0},      {"\"100\"", 100}, {"\"100x\"", 100},
-      {"\" 5\"", 5},    {"\"-3\"", -3},     {"\"x\"", 0},      {"\"\"", 0},       {"2.9", 0},       {"[7]", 0},
-      {"{\"a\":1}", 0}, {"null", 0},        {"\"0x10\"", 0},   {"\"9223372036854775807\"", 9223372036854775807},
+      {"12", 12},
+      {"-12", -12},
+      {"true", 1},
+      {"false", 0},
+      {"\"100\"", 100},
+      {"\"100x\"", 100},
+      {"\" 5\"", 5},
+      {"\"-3\"", -3},
+      {"\"x\"", 0},
+      {"\"\"", 0},
+      {"2.9", 0},
+      {"[7]", 0},
+      {"{\"a\":1}", 0},
+      {"null", 0},
+      {"\"0x10\"", 0},
+      {"\"9223372036854775807\"", 9223372036854775807},
       {"9223372036854775807", 9223372036854775807},
   };
   for (const auto &row : rows) {
@@ -48,14 +64,14 @@ TEST(JsonText, ReplacesEachIllFormedSequence) {
     std::string bytes;
     const char *expected;
   } rows[] = {
-      {"a\xFFz", "a\xEF\xBF\xBDz"},                          // no lead byte
-      {"\xE9t\xE9", "\xEF\xBF\xBDt\xEF\xBF\xBD"},            // Latin-1
-      {"\xE2\x82", "\xEF\xBF\xBD"},                          // cut short: one sequence
-      {"\xE2\x82x", "\xEF\xBF\xBDx"},                        //
-      {"\xC0\xAF", "\xEF\xBF\xBD\xEF\xBF\xBD"},              // overlong: no byte starts a character
-      {"\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // a surrogate
+      {"a\xFFz", "a\xEF\xBF\xBDz"},                                              // no lead byte
+      {"\xE9t\xE9", "\xEF\xBF\xBDt\xEF\xBF\xBD"},                                // Latin-1
+      {"\xE2\x82", "\xEF\xBF\xBD"},                                              // cut short: one sequence
+      {"\xE2\x82x", "\xEF\xBF\xBDx"},                                            //
+      {"\xC0\xAF", "\xEF\xBF\xBD\xEF\xBF\xBD"},                                  // overlong: no byte starts a character
+      {"\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},                  // a surrogate
       {"\xF4\x90\x80\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // beyond U+10FFFF
-      {"\x80\x80", "\xEF\xBF\xBD\xEF\xBF\xBD"},              // stray continuations
+      {"\x80\x80", "\xEF\xBF\xBD\xEF\xBF\xBD"},                                  // stray continuations
   };
   for (const auto &row : rows) {
     EXPECT_EQ(std::string(json_string_value(json_text(row.bytes).get())), row.expected);
@@ -73,7 +89,9 @@ TEST(JsonMerge, PutsKeysAtTheEndInTheirOrderAndReplaces) {
   EXPECT_EQ(json_object_size(object.get()), 5U);
 }
 
-TEST(ReplyFlags, AreTheCombinedValueOfEveryReply) { EXPECT_EQ(reply_json_flags, 5152U); }
+TEST(ReplyFlags, AreTheCombinedValueOfEveryReply) {
+  EXPECT_EQ(reply_json_flags, 5152U);
+}
 
 }  // namespace
 }  // namespace dirwell

@@ -44,14 +44,16 @@ std::string tags_at_level(std::int32_t level) {
   return tags;
 }
 
-TEST(LogLevel, IsSixWhenTheProcessStarts) { EXPECT_EQ(log_level, 6); }
+TEST(LogLevel, IsSixWhenTheProcessStarts) {
+  EXPECT_EQ(log_level, 6);
+}
 
 TEST(LogLevel, LetsEachSeverityThroughAboveItsThreshold) {
   const struct {
     std::int32_t level;
     const char *tags;
   } rows[] = {
-      {-3, ""},   {0, ""},     {1, "F"},    {2, "F"},     {3, "FE"},     {4, "FEW"},
+      {-3, ""},   {0, ""},     {1, "F"},     {2, "F"},      {3, "FE"},     {4, "FEW"},
       {5, "FEW"}, {6, "FEWI"}, {7, "FEWID"}, {8, "FEWIDT"}, {9, "FEWIDT"},
   };
   for (const auto &row : rows) {
@@ -135,15 +137,17 @@ std::string stamp_in(const std::string &zone, std::time_t utc) {
 }
 
 TEST(TimeStamp, ShowsLocalStandardTimeAndItsOffset) {
-  EXPECT_EQ(stamp_in("CST-8", instant), "2019-03-05T14:07:09+0800");         // east
-  EXPECT_EQ(stamp_in("XST5", instant), "2019-03-05T01:07:09-0500");          // west
-  EXPECT_EQ(stamp_in("XST5:30", instant), "2019-03-05T00:37:09-0530");       // west, half an hour
-  EXPECT_EQ(stamp_in("IST-5:30", instant), "2019-03-05T11:37:09+0530");      // east, half an hour
-  EXPECT_EQ(stamp_in("NPT-5:45", instant), "2019-03-05T11:52:09+0545");      // a quarter
-  EXPECT_EQ(stamp_in("NST3:30NDT", instant), "2019-03-05T02:37:09-0330");    // with a summer time of its own
+  EXPECT_EQ(stamp_in("CST-8", instant), "2019-03-05T14:07:09+0800");       // east
+  EXPECT_EQ(stamp_in("XST5", instant), "2019-03-05T01:07:09-0500");        // west
+  EXPECT_EQ(stamp_in("XST5:30", instant), "2019-03-05T00:37:09-0530");     // west, half an hour
+  EXPECT_EQ(stamp_in("IST-5:30", instant), "2019-03-05T11:37:09+0530");    // east, half an hour
+  EXPECT_EQ(stamp_in("NPT-5:45", instant), "2019-03-05T11:52:09+0545");    // a quarter
+  EXPECT_EQ(stamp_in("NST3:30NDT", instant), "2019-03-05T02:37:09-0330");  // with a summer time of its own
 }
 
-TEST(TimeStamp, OfUtcCarriesTheMinusSign) { EXPECT_EQ(stamp_in("UTC0", instant), "2019-03-05T06:07:09-0000"); }
+TEST(TimeStamp, OfUtcCarriesTheMinusSign) {
+  EXPECT_EQ(stamp_in("UTC0", instant), "2019-03-05T06:07:09-0000");
+}
 
 TEST(TimeStamp, IgnoresDaylightSaving) {
   // 2019-07-01 12:00:00 UTC is 14:00 on the clocks of Berlin, and 13:00 in its standard time.

@@ -16,7 +16,9 @@ JsonRef parse(const std::string &text) {
   return value;
 }
 
-std::string default_locale() { return icu::Locale::getDefault().getName(); }
+std::string default_locale() {
+  return icu::Locale::getDefault().getName();
+}
 
 struct LangOutcome {
   std::uint32_t code;
@@ -87,9 +89,10 @@ TEST(ReadUuid, TakesLowerCaseHexadecimal) {
 
 TEST(ReadUuid, RefusesEveryOtherForm) {
   for (const char *request :
-       {"{}", R"({"uuid":"01234567-89AB-cdef-0123-456789abcdef"})", R"({"uuid":"{01234567-89ab-cdef-0123-456789abcdef}"})",
-        R"({"uuid":"0123456789abcdef0123456789abcdef"})", R"({"uuid":""})", R"({"uuid":7})", R"({"uuid":null})",
-        R"({"uuid":"01234567-89ab-cdef-0123-456789abcdef "})", R"({"uuid":"01234567-89ab-cdef-0123-456789abcdeg"})",
+       {"{}", R"({"uuid":"01234567-89AB-cdef-0123-456789abcdef"})",
+        R"({"uuid":"{01234567-89ab-cdef-0123-456789abcdef}"})", R"({"uuid":"0123456789abcdef0123456789abcdef"})",
+        R"({"uuid":""})", R"({"uuid":7})", R"({"uuid":null})", R"({"uuid":"01234567-89ab-cdef-0123-456789abcdef "})",
+        R"({"uuid":"01234567-89ab-cdef-0123-456789abcdeg"})",
         "{\"uuid\":\"01234567-89ab-cdef-0123-456789abcdef\\n\"}"}) {
     ErrorRecord record;
     std::string uuid = "before";
@@ -115,9 +118,9 @@ TEST(ReadPaging, AcceptsFiftyToTwoThousand) {
     const char *json;
     std::int64_t limit;  // 0: refused
   } rows[] = {
-      {R"({"limit":49})", 0},          {R"({"limit":50})", 50},     {R"({"limit":2000})", 2000}, {R"({"limit":2001})", 0},
-      {R"({"limit":"100"})", 100},     {R"({"limit":true})", 0},    {R"({"limit":false})", 0},   {R"({"limit":null})", 0},
-      {R"({"limit":-50})", 0},         {R"({"limit":"x"})", 0},     {R"({"limit":100.5})", 0},   {"{}", 500},
+      {R"({"limit":49})", 0},         {R"({"limit":50})", 50},  {R"({"limit":2000})", 2000}, {R"({"limit":2001})", 0},
+      {R"({"limit":"100"})", 100},    {R"({"limit":true})", 0}, {R"({"limit":false})", 0},   {R"({"limit":null})", 0},
+      {R"({"limit":-50})", 0},        {R"({"limit":"x"})", 0},  {R"({"limit":100.5})", 0},   {"{}", 500},
       {R"({"limit":4294967346})", 0},  // 2^32 + 50
   };
   for (const auto &row : rows) {
@@ -139,7 +142,11 @@ TEST(ReadPaging, TakesAnyOffset) {
     const char *json;
     std::int64_t offset;
   } rows[] = {
-      {R"({"offset":7})", 7}, {R"({"offset":-7})", -7}, {R"({"offset":"12"})", 12}, {R"({"offset":"x"})", 0}, {"{}", 0},
+      {R"({"offset":7})", 7},
+      {R"({"offset":-7})", -7},
+      {R"({"offset":"12"})", 12},
+      {R"({"offset":"x"})", 0},
+      {"{}", 0},
       {R"({"offset":4294967299})", 4294967299},
   };
   for (const auto &row : rows) {

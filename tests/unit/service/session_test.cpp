@@ -46,8 +46,8 @@ TEST(Session, HasNoNameBeforeAnIdIsSet) {
 TEST(Session, LogsItsIdUnderTheErrorTag) {
   const test::ScopedEnvironment zone("TZ", "UTC0");
   const std::string line = captured_stderr([] { in_child([] { Session::instance().set_sid("abc"); }); });
-  EXPECT_THAT(line, ::testing::MatchesRegex(
-                        "[-0-9T:]{19}-0000 \\[E\\] dirwell\\([0-9]+\\): \\[session\\] abc be set\\.\n"));
+  EXPECT_THAT(line,
+              ::testing::MatchesRegex("[-0-9T:]{19}-0000 \\[E\\] dirwell\\([0-9]+\\): \\[session\\] abc be set\\.\n"));
 }
 
 TEST(Session, TakesOverTheUserOfALivingSession) {
@@ -144,8 +144,9 @@ TEST(SetEUser, TracesTheWholeGroupArray) {
     });
   });
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 65536 + 1);
-  EXPECT_THAT(text, HasSubstr("): (session:97) seteuser() [session] gid = " +
-                              std::to_string(::getpwnam("nobody")->pw_gid) + "\n"));
+  EXPECT_THAT(
+      text,
+      HasSubstr("): (session:97) seteuser() [session] gid = " + std::to_string(::getpwnam("nobody")->pw_gid) + "\n"));
   EXPECT_THAT(text, HasSubstr("): (session:97) seteuser() [session] gid = 0\n"));
 }
 

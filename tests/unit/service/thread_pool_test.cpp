@@ -37,9 +37,13 @@ void throwing_handler(hx_request * /*request*/, hx_io * /*io*/, json_t * /*objec
   throw std::runtime_error("handler");
 }
 
-json_t *numbered(int n) { return json_pack("{s:i}", "n", n); }
+json_t *numbered(int n) {
+  return json_pack("{s:i}", "n", n);
+}
 
-bool is_open(int descriptor) { return ::fcntl(descriptor, F_GETFD) != -1; }
+bool is_open(int descriptor) {
+  return ::fcntl(descriptor, F_GETFD) != -1;
+}
 
 class ThreadPoolTest : public ::testing::Test {
  protected:

@@ -6,7 +6,9 @@
 namespace dirwell {
 namespace {
 
-bool is_open(int descriptor) { return ::fcntl(descriptor, F_GETFD) != -1; }
+bool is_open(int descriptor) {
+  return ::fcntl(descriptor, F_GETFD) != -1;
+}
 
 TEST(UniqueFd, ClosesWithItsScopeAndMovesItsOwnership) {
   const int descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);

@@ -37,6 +37,7 @@ std::string captured_stderr(const std::function<void()> &action) {
   if (file < 0 || before < 0) {
     throw std::runtime_error("cannot capture standard error");
   }
+  ::fcntl(file, F_SETFL, O_APPEND);  // writers of several threads and processes share one position
   ::dup2(file, STDERR_FILENO);
   try {
     action();
@@ -62,7 +63,7 @@ int in_child(const std::function<void()> &action) {
     throw std::runtime_error("cannot fork");
   }
   if (child == 0) {
-    ::alarm(20);
+    ::alarm(60);
     action();
     ::_exit(0);
   }

@@ -28,7 +28,9 @@ const PrivateRoot root;
 
 }  // namespace
 
-const std::string &private_root() { return root.path; }
+const std::string &private_root() {
+  return root.path;
+}
 
 std::string write_below_root(std::string_view path, std::string_view content) {
   const std::filesystem::path file = private_root() + "/" + std::string(path);
@@ -46,6 +48,8 @@ ScopedSession::ScopedSession(std::string_view sid, std::string_view user)
   ::chmod(file_.c_str(), 0644);
 }
 
-ScopedSession::~ScopedSession() { ::unlink(file_.c_str()); }
+ScopedSession::~ScopedSession() {
+  ::unlink(file_.c_str());
+}
 
 }  // namespace dirwell::test
