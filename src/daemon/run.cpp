@@ -1,0 +1,108 @@
+#include "daemon/run.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "cache/cache_store.h"
+#include "daemon/endpoints.h"
+#include "daemon/options.h"
+#include "daemon/pid_file.h"
+#include "daemon/request_process.h"
+#include "daemon/warm_up.h"
+#include "listing/type_table.h"
+#include "platform/include/hxrest.h"
+#include "platform/include/hxservice.h"
+#include "service/log.h"
+#include "service/session.h"
+#include "service/unique_fd.h"
+
+namespace dirwell {
+
+namespace {
+
+// What the bus's callbacks reach; set before the bus loop starts, cleared after it has ended.
+hx_rest *rest_table = nullptr;
+hx_service *bus_service = nullptr;
+// A stop that arrives before there is a service to stop.
+volatile std::sig_atomic_t stop_requested = 0;
+
+void on_bus_request(hx_request *request, hx_io *io, int descriptor) {
+  try {
+    hx_rest_dispatch(rest_table, request, io, descriptor);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the request ends here, the bus goes on
+    close_if_valid(descriptor);
+    hx_io_free(io);
+  }
+}
+
+void on_worker_init(void * /*argument*/) {
+  buildTypeIndex();
+  prepareCacheFolder();
+  start_thread_pool();
+  warm_up();
+}
+
+void on_worker_fini(void * /*argument*/) {
+  stop_thread_pool();
+}
+
+void on_stop_signal(int /*signal_number*/) {
+  stop_requested = 1;
+  if (bus_service != nullptr) {
+    hx_stop(bus_service);
+  }
+}
+
+int serve(const std::string &instance_name) {
+  bus_service = hx_create(instance_name.c_str(), 2, 1, on_bus_request);
+  if (bus_service == nullptr) {
+    log_error("[%s] cannot create the bus service below \"%s/var/run\": %s", instance_name.c_str(), hx_root(),
+              errno == ENAMETOOLONG ? "the socket's path is longer than the kernel allows" : std::strerror(errno));
+    return 1;
+  }
+  if (stop_requested != 0) {
+    hx_stop(bus_service);
+  }
+  hx_worker_init(bus_service, on_worker_init, nullptr);
+  hx_worker_fini(bus_service, on_worker_fini, nullptr);
+  if (hx_start(bus_service) != 0) {
+    log_error("[%s] the bus service ended: %s", instance_name.c_str(), std::strerror(errno));
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int run(int argc, char *argv[]) {
+  Session &session = Session::instance();
+  if (read_options(argc, argv) == StartUp::cleared) {
+    return 0;
+  }
+  const std::string instance_name = session.instance_name();
+  if (!session.alive()) {
+    log_error("[%s] %s is not alive.", instance_name.c_str(), session.sid().c_str());
+    return 1;
+  }
+  create_pid_file(instance_name);
+  rest_table = hx_rest_create();
+  log_info("[%s] startup service", instance_name.c_str());
+  register_endpoints(rest_table);
+  hx_signal(SIGINT, on_stop_signal);
+  hx_signal(SIGTERM, on_stop_signal);
+
+  const int status = serve(instance_name);
+
+  hx_free(bus_service);
+  hx_rest_destroy(rest_table);
+  cleanCacheFolder();
+  remove_pid_file();
+  log_info("[%s] shutdown service", instance_name.c_str());
+  return status;
+}
+
+}  // namespace dirwell
