@@ -11,6 +11,7 @@
 
 #include "platform/host/config_line.h"
 #include "platform/host/regular_file.h"
+#include "platform/host/text.h"
 #include "platform/include/hxservice.h"
 #include "platform/include/strata_config.h"
 
@@ -115,8 +116,8 @@ ConfigFile::ConfigFile(std::string content) : content_(std::move(content)) {
 }
 
 std::optional<std::string_view> ConfigFile::Section::value(std::string_view key) const {
-  const auto found =
-      std::find_if(values.begin(), values.end(), [key](const auto &pair) { return same_name(pair.first, key); });
+  const auto found = std::find_if(values.begin(), values.end(),
+                                  [key](const auto &pair) { return equal_ignoring_case(pair.first, key); });
   if (found == values.end()) {
     return std::nullopt;
   }
@@ -125,7 +126,7 @@ std::optional<std::string_view> ConfigFile::Section::value(std::string_view key)
 
 std::optional<std::string_view> ConfigFile::value(std::string_view section, std::string_view key) const {
   const auto found = std::find_if(sections_.begin(), sections_.end(),
-                                  [section](const Section &each) { return same_name(each.name, section); });
+                                  [section](const Section &each) { return equal_ignoring_case(each.name, section); });
   if (found == sections_.end()) {
     return std::nullopt;
   }

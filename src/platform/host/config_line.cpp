@@ -45,11 +45,6 @@ Line take_line(std::string_view &text) {
   return {LineKind::value, without_blanks(line.substr(0, equals)), without_blanks(line.substr(equals + 1))};
 }
 
-bool same_name(std::string_view left, std::string_view right) {
-  return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                    [](char one, char other) { return ascii_lower(one) == ascii_lower(other); });
-}
-
 std::string folded_name(std::string_view name) {
   std::string folded(name);
   std::transform(folded.begin(), folded.end(), folded.begin(), ascii_lower);

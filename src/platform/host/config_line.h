@@ -23,10 +23,7 @@ struct Line {
 // return of a CRLF line end) around names and values are cut. The results are views into `text`.
 Line take_line(std::string_view &text);
 
-// Equality of section and key names: the case of ASCII letters does not count, in no locale.
-bool same_name(std::string_view left, std::string_view right);
-
-// A name in the form that is equal for all names that same_name calls equal.
+// A section's or key's name in the one form that all names have which are equal but for the case of ASCII letters.
 std::string folded_name(std::string_view name);
 
 // The number at the front of a value: an optional sign and decimal digits, held within the range of int; 0 without

@@ -5,34 +5,16 @@
 
 #include <cerrno>
 
+#include "platform/host/owned_fd.h"
+
 namespace dirwell::host {
-namespace {
-
-class OpenFile {
- public:
-  OpenFile(const std::string &path, int flags) : descriptor_(::open(path.c_str(), flags)) {}
-  ~OpenFile() {
-    if (descriptor_ >= 0) {
-      ::close(descriptor_);
-    }
-  }
-  OpenFile(const OpenFile &) = delete;
-  OpenFile &operator=(const OpenFile &) = delete;
-
-  [[nodiscard]] int get() const { return descriptor_; }
-
- private:
-  int descriptor_;
-};
-
-}  // namespace
-
 std::optional<std::string> read_regular_file(const std::string &path, Links links, std::size_t limit,
                                              struct stat &status) {
   // Without O_NONBLOCK the open itself would wait for the other end of a fifo.
-  const OpenFile file(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (links == Links::refuse ? O_NOFOLLOW : 0));
+  const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (links == Links::refuse ? O_NOFOLLOW : 0);
+  const OwnedFd file(::open(path.c_str(), flags));
   struct stat before {};
-  if (file.get() < 0 || ::fstat(file.get(), &before) != 0 || !S_ISREG(before.st_mode) ||
+  if (!file.valid() || ::fstat(file.get(), &before) != 0 || !S_ISREG(before.st_mode) ||
       static_cast<std::size_t>(before.st_size) > limit) {
     return std::nullopt;
   }

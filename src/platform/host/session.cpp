@@ -16,6 +16,7 @@
 
 #include "platform/host/config_line.h"
 #include "platform/host/regular_file.h"
+#include "platform/host/text.h"
 #include "platform/include/hxservice.h"
 #include "platform/include/strata_nasauth.h"
 
@@ -49,9 +50,9 @@ SessionFile parse(std::string_view content) {
     if (line.kind != LineKind::value) {
       continue;
     }
-    if (same_name(line.name, "user") && !file.user) {
+    if (equal_ignoring_case(line.name, "user") && !file.user) {
       file.user = line.value;
-    } else if (same_name(line.name, "expires") && !file.expires) {
+    } else if (equal_ignoring_case(line.name, "expires") && !file.expires) {
       file.expires = line.value;
     }
   }

@@ -9,6 +9,7 @@
 #include "platform/host/config.h"
 #include "platform/host/config_line.h"
 #include "platform/host/path_list.h"
+#include "platform/host/text.h"
 #include "platform/include/strata_nas.h"
 
 namespace dirwell::host {
@@ -19,7 +20,7 @@ constexpr std::array<std::string_view, 4> not_shares = {"global", "homes", "prin
 
 bool is_share_name(std::string_view section) {
   return std::none_of(not_shares.begin(), not_shares.end(),
-                      [section](std::string_view other) { return same_name(section, other); });
+                      [section](std::string_view other) { return equal_ignoring_case(section, other); });
 }
 
 class ShareList {

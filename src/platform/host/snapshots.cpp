@@ -7,6 +7,7 @@
 #include "platform/host/config.h"
 #include "platform/host/config_line.h"
 #include "platform/host/path_list.h"
+#include "platform/host/text.h"
 #include "platform/include/strata_nas.h"
 
 namespace dirwell::host {
@@ -22,7 +23,7 @@ struct Snapshot {
 // The path in a section name "SNAPSHOT /some/path", or nothing.
 std::string_view snapshot_path(std::string_view section) {
   constexpr std::string_view word = "SNAPSHOT";
-  if (!same_name(section.substr(0, word.size()), word)) {
+  if (!equal_ignoring_case(section.substr(0, word.size()), word)) {
     return {};
   }
   section.remove_prefix(word.size());

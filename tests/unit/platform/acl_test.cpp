@@ -1,0 +1,141 @@
+#include "platform/include/strata_nasacl.h"
+
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "host_files.h"
+#include "support/environment.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using dirwell::test::in_child;
+using dirwell::test::put;
+using dirwell::test::TempDir;
+
+constexpr const char *platform_file = "/etc/config/host-platform.conf";
+constexpr uid_t user = 4242;
+constexpr gid_t group = 4343;
+
+class Access : public testing::Test {
+ protected:
+  Access() { ::chmod(folder.path().c_str(), 0755); }
+
+  // The right that a request process of the user has, who is also in `supplementary`.
+  static int right_of_user(const std::string &path, gid_t supplementary = 9999) {
+    const int status = in_child([&] {
+      if (::setgroups(1, &supplementary) != 0 || ::setegid(group) != 0 || ::seteuid(user) != 0) {
+        ::_exit(99);
+      }
+      ::_exit(Get_ACL_User_Group_Security_For_Share("whoever", path.c_str()));
+    });
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  [[nodiscard]] std::string file(const char *name, mode_t mode, uid_t owner, gid_t owner_group) const {
+    std::string path = folder.write(name, "x");
+    EXPECT_EQ(::chown(path.c_str(), owner, owner_group), 0);
+    EXPECT_EQ(::chmod(path.c_str(), mode), 0);
+    return path;
+  }
+
+  TempDir folder;
+};
+
+TEST_F(Access, AddsReadWriteAndExecute) {
+  for (int bits = 0; bits < 8; ++bits) {
+    SCOPED_TRACE(bits);
+    const std::string path = file(("owned" + std::to_string(bits)).c_str(), static_cast<mode_t>(bits << 6), user, 0);
+    EXPECT_EQ(right_of_user(path), bits);
+  }
+}
+
+TEST_F(Access, CountsTheClassThatAppliesToTheEffectiveIdentity) {
+  EXPECT_EQ(right_of_user(file("owner", 0407, user, group)), 4);
+  EXPECT_EQ(right_of_user(file("group", 0652, 0, group)), 5);
+  EXPECT_EQ(right_of_user(file("supplementary", 0020, 0, 5555), 5555), 2);
+  EXPECT_EQ(right_of_user(file("others", 0771, 0, 0)), 1);
+}
+
+TEST_F(Access, CountsPosixAcls) {
+  const std::string path = file("acl", 0600, 0, 0);
+  // user::rw- user:4242:r-x group::--- mask::r-x other::---
+  const std::string acl(
+      "\x02\0\0\0\x01\0\x06\0\xFF\xFF\xFF\xFF\x02\0\x05\0\x92\x10\0\0\x04\0\0\0\xFF\xFF\xFF\xFF"
+      "\x10\0\x05\0\xFF\xFF\xFF\xFF\x20\0\0\0\xFF\xFF\xFF\xFF",
+      44);
+  if (::setxattr(path.c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0) != 0) {
+    ASSERT_EQ(errno, EOPNOTSUPP);  // a file system without ACLs: then the mode alone counts
+    EXPECT_EQ(right_of_user(path), 0);
+    return;
+  }
+  EXPECT_EQ(right_of_user(path), 5);
+}
+
+TEST_F(Access, AnswersForFolders) {
+  const std::string closed = folder.mkdir("closed");
+  folder.write("closed/inner", "x");
+  ASSERT_EQ(::chmod((closed + "/inner").c_str(), 0666), 0);
+  ASSERT_EQ(::chmod(closed.c_str(), 0704), 0);
+  EXPECT_EQ(right_of_user(closed), 4);
+  EXPECT_EQ(right_of_user(closed + "/inner"), 0);
+}
+
+TEST_F(Access, FollowsLinks) {
+  std::filesystem::create_symlink(file("target", 0405, user, 0), folder.at("link"));
+  std::filesystem::create_symlink("nowhere", folder.at("dangling"));
+  std::filesystem::create_symlink("loop", folder.at("loop"));
+  EXPECT_EQ(right_of_user(folder.at("link")), 4);
+  EXPECT_EQ(right_of_user(folder.at("dangling")), 0);
+  EXPECT_EQ(right_of_user(folder.at("loop")), 0);
+}
+
+TEST_F(Access, GivesNoRightOnWhatDoesNotExist) {
+  EXPECT_EQ(Get_ACL_User_Group_Security_For_Share("root", folder.at("missing").c_str()), 0);
+  EXPECT_EQ(Get_ACL_User_Group_Security_For_Share("root", (file("plain", 0644, 0, 0) + "/x").c_str()), 0);
+  EXPECT_EQ(Get_ACL_User_Group_Security_For_Share("root", ""), 0);
+  EXPECT_EQ(Get_ACL_User_Group_Security_For_Share("root", nullptr), 0);
+  EXPECT_EQ(Get_ACL_User_Group_Security_For_Share("root", std::string(10'000, 'x').c_str()), 0);
+}
+
+TEST_F(Access, AsksForTheEffectiveIdentityWhoeverIsNamed) {
+  const std::string path = file("plain", 0600, 0, 0);
+  EXPECT_EQ(Get_ACL_User_Group_Security_For_Share("nobody", path.c_str()), 6);
+  EXPECT_EQ(Get_ACL_User_Group_Security_For_Share(nullptr, path.c_str()), 6);
+  EXPECT_EQ(right_of_user(path), 0);
+}
+
+class AccessSwitches : public testing::Test {
+ protected:
+  ~AccessSwitches() override { dirwell::test::remove(platform_file); }
+
+  static std::vector<int> all() {
+    return {Is_ACL_Enabled(), Is_RichACL_Enabled(), Is_Win_ACL_Enabled(), Is_Win_ACL_Supported()};
+  }
+};
+
+TEST_F(AccessSwitches, AreOffWithoutConfiguration) {
+  EXPECT_EQ(all(), (std::vector{0, 0, 0, 0}));
+}
+
+TEST_F(AccessSwitches, AnswerEachByItsOwnKey) {
+  put(platform_file, "[ACL]\nenable = 1\n");
+  EXPECT_EQ(all(), (std::vector{1, 0, 0, 0}));
+  put(platform_file, "[ACL]\nrich = 1\n");
+  EXPECT_EQ(all(), (std::vector{0, 1, 0, 0}));
+  put(platform_file, "[ACL]\nwin_enable = 1\n");
+  EXPECT_EQ(all(), (std::vector{0, 0, 1, 0}));
+  put(platform_file, "[ACL]\nwin_support = 1\n");
+  EXPECT_EQ(all(), (std::vector{0, 0, 0, 1}));
+  put(platform_file, "[ACL]\nenable = yes\nrich = 0\nwin_enable =\nwin_support = 3\n");
+  EXPECT_EQ(all(), (std::vector{0, 0, 0, 3}));
+}
+
+}  // namespace
