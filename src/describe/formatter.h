@@ -4,8 +4,10 @@
 #include <jansson.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
+#include "describe/places.h"
 #include "entry/resource_entry.h"
 
 namespace dirwell {
@@ -14,22 +16,31 @@ namespace dirwell {
 class Formatter {
  public:
   virtual ~Formatter() = default;
-  // A new JSON object with one reference, owned by the caller. Never fails as a whole: a probe that fails leaves its key
-  // at its default.
+  // A new JSON object with one reference, owned by the caller. Never fails as a whole: a probe that fails leaves its
+  // key at its default.
   virtual json_t *format(const ResourceEntry &entry) = 0;
   // Adds the machine-wide settings to `object`; the base adds none.
   virtual void formatSettings(json_t *object);
 };
 
+// The type index must stand before the first entry is described (buildTypeIndex).
 class LegacyFormatter final : public Formatter {
  public:
   json_t *format(const ResourceEntry &entry) override;
+  // Seven integers. "has_h265" covers the entries that this object has described so far.
   void formatSettings(json_t *object) override;
 
  private:
+  // What all entries of the request share, asked for at the first of them.
+  struct Request {
+    ShareList shares;
+    std::string userName;
+  };
+
   std::int32_t projectionType = 0;  // carried from one JPEG or MP4 entry to all that follow it
   std::int32_t aclRight = 0;
   std::int32_t hasH265 = 0;
+  std::optional<Request> request;
 };
 
 }  // namespace dirwell

@@ -2,9 +2,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "entry/resource_entry.h"
+#include "platform/include/strata_nas.h"
 
 namespace dirwell {
 
@@ -27,13 +31,32 @@ enum class PathClass : std::int32_t {
   cloud_cache = 12,
 };
 
-// The type of the first share, in list order, whose path is a plain text prefix of the entry's full path; -1 for none.
+// The shares as they stand when the object is made, so that all entries of one request are held against the same list
+// and the platform is asked for it once.
+class ShareList {
+ public:
+  ShareList();
+
+  // The type of the first share, in list order, whose path is a plain text prefix of `fullPath` ("/share/Pub" matches
+  // "/share/Public/a" too); share_none when no share matches, for an empty path and without a list.
+  [[nodiscard]] std::int32_t typeOf(std::string_view fullPath) const;
+
+ private:
+  struct Release {
+    void operator()(const SMB_Share_Info *info) const { SMB_Free_Share_Info(info); }
+  };
+  std::unique_ptr<const SMB_Share_Info, Release> info_;
+};
+
+// The same for the shares as they stand at the call.
 std::int32_t shareTypeOf(const ResourceEntry &entry);
-// The same for a full path that the caller already has.
 std::int32_t shareTypeOf(const std::string &fullPath);
 
 // The first class that applies: share type, then the virtual directory's prefix, then phone and disc shares.
 PathClass classifyPath(const ResourceEntry &entry);
 PathClass classifyPath(std::int32_t shareType, const std::string &virtualDirectory);
+
+// The class as far as share type and prefix tell it, without a question to the platform; none where they do not.
+std::optional<PathClass> classifyByText(std::int32_t shareType, std::string_view virtualDirectory);
 
 }  // namespace dirwell
