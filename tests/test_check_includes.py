@@ -3,14 +3,21 @@
 import pathlib
 import subprocess
 import sys
+import tempfile
 
 import pytest
 
 SCRIPT = pathlib.Path(__file__).resolve().parent / "check_includes.py"
 
 
-def run_check(tmp_path, files):
-    src = tmp_path / "src"
+@pytest.fixture
+def folder():
+    with tempfile.TemporaryDirectory() as made:
+        yield pathlib.Path(made)
+
+
+def run_check(folder, files):
+    src = folder / "src"
     src.mkdir()
     for name, text in files.items():
         path = src / name
@@ -38,8 +45,8 @@ GOOD = {
 }
 
 
-def test_a_tree_that_keeps_the_directions_passes(tmp_path):
-    assert run_check(tmp_path, GOOD) == (0, [])
+def test_a_tree_that_keeps_the_directions_passes(folder):
+    assert run_check(folder, GOOD) == (0, [])
 
 
 def test_the_real_tree_passes():
@@ -77,12 +84,12 @@ def test_the_real_tree_passes():
     ("extra/new.h", "", "extra/new.h: no known room"),
     ("service/log.h", '#include "service/log.h"\n', "circle: service/log.h -> service/log.h"),
 ])
-def test_a_fault_is_named(tmp_path, name, text, fault):
-    assert run_check(tmp_path, {**GOOD, name: text}) == (1, [fault])
+def test_a_fault_is_named(folder, name, text, fault):
+    assert run_check(folder, {**GOOD, name: text}) == (1, [fault])
 
 
-def test_a_circle_of_several_files_is_named(tmp_path):
-    status, faults = run_check(tmp_path, {
+def test_a_circle_of_several_files_is_named(folder):
+    status, faults = run_check(folder, {
         "entry/a.h": '#include "entry/b.h"\n',
         "entry/b.h": '#include "entry/c.h"\n',
         "entry/c.h": '#include "entry/a.h"\n',
@@ -90,8 +97,8 @@ def test_a_circle_of_several_files_is_named(tmp_path):
     assert (status, faults) == (1, ["circle: entry/a.h -> entry/b.h -> entry/c.h -> entry/a.h"])
 
 
-def test_every_fault_is_listed(tmp_path):
-    status, faults = run_check(tmp_path, {
+def test_every_fault_is_listed(folder):
+    status, faults = run_check(folder, {
         "entry/a.h": "",
         "service/a.h": '#include "entry/a.h"\n#include "missing.h"\n',
     })
@@ -100,11 +107,11 @@ def test_every_fault_is_listed(tmp_path):
                       'service/a.h:2: "missing.h" is no file under src/']
 
 
-def test_comments_and_texts_are_no_includes(tmp_path):
+def test_comments_and_texts_are_no_includes(folder):
     text = '// #include "entry/names.h"\n/*\n#include "entry/names.h"\n*/\nconst char *a = "/* \\" //";\n'
-    assert run_check(tmp_path, {**GOOD, "service/log.h": text}) == (0, [])
+    assert run_check(folder, {**GOOD, "service/log.h": text}) == (0, [])
 
 
-def test_a_missing_folder_is_an_error(tmp_path):
-    result = subprocess.run([sys.executable, str(SCRIPT), str(tmp_path / "none")], capture_output=True, timeout=60)
+def test_a_missing_folder_is_an_error(folder):
+    result = subprocess.run([sys.executable, str(SCRIPT), str(folder / "none")], capture_output=True, timeout=60)
     assert result.returncode == 2

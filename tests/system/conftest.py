@@ -5,6 +5,9 @@ They run as root on any Linux machine. The folder of the binaries is DIRWELL_BUI
 
 import contextlib
 import os
+import pathlib
+import shutil
+import tempfile
 
 import pytest
 
@@ -38,3 +41,19 @@ def make_instance():
 def instance(make_instance):
     """One private instance for a session of root's, not started."""
     return make_instance()
+
+
+@pytest.fixture(scope="module")
+def daemon():
+    """A running instance for a session of root's that the tests of a module share."""
+    with fresh_instance() as made:
+        yield made.start()
+
+
+@pytest.fixture
+def share(daemon):
+    """An empty folder of the test's own."""
+    folder = pathlib.Path(tempfile.mkdtemp(dir=daemon.root, prefix="share-"))
+    folder.chmod(0o755)
+    yield folder
+    shutil.rmtree(folder)

@@ -2,8 +2,6 @@
 
 import pytest
 
-from harness.instance import fresh_instance
-
 ENDPOINTS = "watch\nfetch.cache\ndelete.cache\ncreate.cache\nfetch.resource\n"
 
 WATCH = """watch cached path
@@ -112,12 +110,6 @@ Usage: [General]
    offset=(int)        cache entries offset
 
 """
-
-
-@pytest.fixture(scope="module")
-def daemon():
-    with fresh_instance() as instance:
-        yield instance.start()
 
 
 def test_the_endpoints_are_listed_in_the_order_of_their_registration(daemon):

@@ -48,6 +48,7 @@ class Instance:
         self.share.chmod(0o755)
         self.log_path = self.root / "log"
         self.process = None
+        self.run_as = None  # user and group of an ordinary user's instance
         self.end_expected = False
         self.leftovers_expected = False  # a daemon that was killed cannot tidy up
         self.grace = 3  # seconds that request processes may outlive the daemon
@@ -132,10 +133,14 @@ class Instance:
         return self
 
     def launch(self, *options, **environment):
+        identity = {}
+        if self.run_as:
+            identity = {"user": self.run_as[0], "group": self.run_as[1], "extra_groups": []}
+            self.binary = pathlib.Path(shutil.copy(self.binary, self.root))  # a clone may lie where only root reaches
         with open(self.log_path, "ab") as log:
             self.process = subprocess.Popen([str(self.binary), *options], stdin=subprocess.DEVNULL,
                                             stdout=subprocess.DEVNULL, stderr=log, cwd="/",
-                                            env={**self.environment, **environment})
+                                            env={**self.environment, **environment}, **identity)
         self.end_expected = False
         Instance.alive_instances.add(self)
         return self
