@@ -19,16 +19,17 @@ CACHE_KEYS = ["is_cached", "cache_file_status", "cache_priority", "cache_upload_
 def mount(make_instance):
     """A running instance whose share is a cloud-cache mount.
 
-    The mount's root is found by cutting paths at byte 35; the name of the folder puts that cut behind it.
+    Byte 35 of a path, behind which the mount's root ends, is the slash behind the share; byte 20, where the arguments
+    of the mount tool begin, lies within the share's name.
     """
     instance = make_instance()
-    shutil.rmtree(instance.share)
-    start = f"{instance.root}/"
-    instance.share = pathlib.Path(start + "m" * (35 - len(start)))
-    assert len(str(instance.share)) == 35
-    instance.share.mkdir()
+    base = pathlib.Path(tempfile.mkdtemp(dir="/tmp", prefix="d-"))
+    base.chmod(0o755)
+    instance.share = make_folder(base / "twenty-and-fifteen.")
+    assert len(str(instance.share)) == 35 and str(instance.share)[20:] == "ty-and-fifteen."
     instance.write_shares(("Cloud", instance.share, 1))
-    return instance.start()
+    yield instance.start()
+    shutil.rmtree(base)
 
 
 def states(reply):
@@ -159,10 +160,9 @@ def test_an_encrypted_folder(mount, status, locked):
     reply = states(mount.fetch())
     assert reply == {"secret": [1, 0, 0, 0, 1, locked, 2000, 0], "plain": [1, 0, 0, 0, 0, 0, 2000, 0],
                      "file": [1, 0, 0, 0, 0, 0, 2000, 0]}
-    # Two segments are cut from byte 20 on: the rest of the mount's own name, and the folder's.
-    first = str(mount.share)[20:]
     assert sorted(notes.read_text().splitlines()) == [
-        f"[--func][get_encrypted_folder_runtime_status][{first}][--uuid][{name}]" for name in ("plain", "secret")]
+        "[--func][get_encrypted_folder_runtime_status][ty-and-fifteen.][--uuid][plain]",
+        "[--func][get_encrypted_folder_runtime_status][ty-and-fifteen.][--uuid][secret]"]
 
 
 @pytest.mark.parametrize("script", [
@@ -224,8 +224,7 @@ def test_snapshots_are_named(make_instance):
         return [[entry.get(key) for key in ("snapshot_id", "snapshot_vol_id", "snapshot_mount_path")]
                 for entry in instance.fetch((folder, alias))["datas"]]
 
-    assert snapshots(instance.share, "/snapshot:1") == [[17, 3, "/mnt/snap 17"], [18, 4, "/mnt/x"]] \
-        or snapshots(instance.share, "/snapshot:1") == [[17, 3, "/mnt/snap 17"], [17, 3, "/mnt/snap 17"]]
+    assert snapshots(instance.share, "/snapshot:1") == [[17, 3, "/mnt/snap 17"], [18, 4, "/mnt/x"]]
     assert snapshots(inner, "/snapshot_vault:x/y") == [[18, 4, "/mnt/x"]]
     assert list(instance.fetch((inner, "/snapshot:"))["datas"][0])[-4:] == [
         "upload_failed_count", "snapshot_id", "snapshot_vol_id", "snapshot_mount_path"]
