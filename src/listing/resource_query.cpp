@@ -37,13 +37,20 @@ const Pattern order_pattern(order_expression);  // NOLINT(cert-err58-cpp)
 // Whether `expression` holds just the words of `table`, in its order, as one group of alternatives.
 template <class Table>
 constexpr bool admits(std::string_view expression, const Table &table) {
-  std::string words;
-  for (const auto &row : table) {
-    words += words.empty() ? "(" : "|";
-    words += row.word;
+  const std::size_t first = expression.find(table.front().word);
+  if (first == 0 || first == std::string_view::npos) {
+    return false;
   }
-  words += ")";
-  return expression.find(words) != std::string_view::npos;
+  std::string_view rest = expression.substr(first - 1);
+  char before = '(';
+  for (const auto &row : table) {
+    if (!rest.starts_with(before) || !rest.substr(1).starts_with(row.word)) {
+      return false;
+    }
+    rest.remove_prefix(1 + row.word.size());
+    before = '|';
+  }
+  return rest.starts_with(')');
 }
 
 struct UnitRow {
