@@ -13,6 +13,7 @@
 #include "daemon/pid_file.h"
 #include "daemon/request_process.h"
 #include "daemon/warm_up.h"
+#include "daemon/watchers.h"
 #include "listing/type_table.h"
 #include "platform/include/hxrest.h"
 #include "platform/include/hxservice.h"
@@ -40,6 +41,7 @@ void on_bus_request(hx_request *request, hx_io *io, int descriptor) {
 }
 
 void on_worker_init(void * /*argument*/) {
+  start_watchers();
   buildTypeIndex();
   prepareCacheFolder();
   start_thread_pool();

@@ -1,0 +1,197 @@
+#include "daemon/watchers.h"
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <optional>
+
+#include "cache/cache_store.h"
+#include "daemon/file_identity.h"
+#include "listing/filters.h"
+#include "service/fork_gate.h"
+#include "service/log.h"
+#include "service/thread.h"
+
+namespace dirwell {
+
+namespace {
+
+constexpr int poll_milliseconds = 500;
+constexpr std::size_t buffer_size = 4096;
+constexpr std::uint32_t relevant_events = IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE |
+                                          IN_DELETE_SELF | IN_MOVE_SELF | IN_DONT_FOLLOW;
+
+// One slot for each valid index, made at the first use behind its own mutex.
+struct Slot {
+  std::mutex mutex;
+  std::unique_ptr<CacheWatcher> watcher;
+};
+std::array<Slot, highest_cache_index> slots;
+
+// Null for an index that has no slot.
+CacheWatcher *watcher_of(std::size_t index) {
+  WatchTimes *times = watchTimes(index);
+  if (times == nullptr) {
+    return nullptr;
+  }
+  Slot &slot = slots[index - 1];
+  const std::lock_guard lock(slot.mutex);
+  if (!slot.watcher) {
+    slot.watcher = std::make_unique<CacheWatcher>(*times);
+  }
+  return slot.watcher.get();
+}
+
+}  // namespace
+
+CacheWatcher::CacheWatcher(WatchTimes &times) : times_(times) { set_both_times(); }
+
+CacheWatcher::~CacheWatcher() { stop(); }
+
+void CacheWatcher::set_both_times() {
+  const std::time_t now = std::time(nullptr);
+  times_.lastChange = now;
+  times_.lastReload = now;
+}
+
+bool CacheWatcher::start() {
+  if (running_) {
+    return true;
+  }
+  inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (inotify_ < 0) {
+    return false;
+  }
+  running_ = true;
+  set_both_times();
+  if (start_thread(thread_, &CacheWatcher::run, this) != 0) {
+    running_ = false;
+    ::close(inotify_);
+    inotify_ = -1;
+    return false;
+  }
+  return true;
+}
+
+void CacheWatcher::stop() {
+  if (!running_.exchange(false)) {
+    return;
+  }
+  ::pthread_join(thread_, nullptr);
+  const std::lock_guard lock(mutex_);
+  ::close(inotify_);  // and with it every watch
+  inotify_ = -1;
+  watches_.clear();
+}
+
+void CacheWatcher::clear() {
+  const std::lock_guard lock(mutex_);
+  for (const int watch : watches_) {
+    ::inotify_rm_watch(inotify_, watch);  // fails where the folder has gone, and the watch with it
+  }
+  watches_.clear();
+}
+
+std::size_t CacheWatcher::add(const std::vector<std::string> &folders) {
+  std::size_t refused = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    for (const std::string &folder : folders) {
+      const int watch = ::inotify_add_watch(inotify_, folder.c_str(), relevant_events);
+      if (watch >= 0) {
+        watches_.insert(watch);
+      } else {
+        ++refused;
+      }
+    }
+  }
+  set_both_times();
+  return refused;
+}
+
+bool CacheWatcher::watches(int watch) {
+  const std::lock_guard lock(mutex_);
+  return watches_.contains(watch);
+}
+
+void *CacheWatcher::run(void *self) {
+  auto &watcher = *static_cast<CacheWatcher *>(self);
+  std::optional<VetoFilter> veto;
+  {
+    const fork_gate::Section section;
+    veto.emplace();
+  }
+  while (watcher.running_) {
+    pollfd waiting{watcher.inotify_, POLLIN, 0};
+    const int ready = ::poll(&waiting, 1, poll_milliseconds);
+    if (ready < 0) {
+      break;
+    }
+    if (ready > 0 && (waiting.revents & POLLIN) != 0) {
+      watcher.drain(*veto);
+    }
+  }
+  return nullptr;
+}
+
+// Reads until the queue is empty.
+void CacheWatcher::drain(const VetoFilter &veto) {
+  alignas(inotify_event) std::array<char, buffer_size> buffer;
+  for (ssize_t got = 0; (got = ::read(inotify_, buffer.data(), buffer.size())) > 0;) {
+    const fork_gate::Section section;
+    for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(got);) {
+      inotify_event event{};
+      std::memcpy(&event, buffer.data() + at, sizeof event);
+      const char *name = event.len > 0 ? buffer.data() + at + sizeof event : "";
+      // An overflow says that events were lost, and so perhaps changes.
+      if ((event.mask & IN_Q_OVERFLOW) != 0 || (watches(event.wd) && !veto.isVetoedName(name))) {
+        times_.lastChange = std::time(nullptr);
+      }
+      at += sizeof event + event.len;
+    }
+  }
+}
+
+void start_watchers() {
+  for (std::size_t index = 1; index <= highest_cache_index; ++index) {
+    if (!watcher_of(index)->start()) {
+      log_warning("[cache] cannot watch cache %zu", index);
+    }
+  }
+}
+
+void stop_watchers() {
+  for (std::size_t index = 1; index <= highest_cache_index; ++index) {
+    watcher_of(index)->stop();
+  }
+}
+
+void reload_watches(std::size_t index) {
+  CacheWatcher *watcher = watcher_of(index);
+  if (watcher == nullptr) {
+    return;
+  }
+  watcher->clear();
+  const SessionFileIdentity identity;
+  if (!identity.held()) {
+    return;
+  }
+  std::vector<std::string> folders;
+  {
+    const fork_gate::Section section;
+    CacheStore store(index, false);
+    folders = store.cachedPaths();
+  }
+  std::erase(folders, std::string());  // the placeholder of the listing itself
+  if (const std::size_t refused = watcher->add(folders); refused > 0) {
+    log_debug(SourcePlace::here(), "[cache] %zu of %zu folders of cache %zu cannot be watched", refused, folders.size(),
+              index);
+  }
+}
+
+}  // namespace dirwell
