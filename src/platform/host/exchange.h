@@ -1,0 +1,66 @@
+// One request and its response: hands the request to the service's callback and relays what the handler writes.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/host/cgi.h"
+#include "platform/host/io.h"
+#include "platform/host/reply_mark.h"
+#include "platform/host/request_reader.h"
+#include "platform/host/stream.h"
+
+namespace dirwell::host {
+
+// What the connections of a service share.
+struct Bus {
+  hx_request_callback callback = nullptr;
+  ReplyMarks marks;
+  bool stopping = false;
+};
+
+// Worker only.
+class Exchange {
+ public:
+  Exchange(Bus &bus, std::shared_ptr<Stream> client) : bus_(bus), client_(std::move(client)) {}
+  ~Exchange();
+  Exchange(const Exchange &) = delete;
+  Exchange &operator=(const Exchange &) = delete;
+
+  // Makes the handler's socket and calls the callback. False when there is no socket to be had; then nothing was
+  // called.
+  bool dispatch(IncomingRequest request);
+
+  enum class Outcome {
+    reusable,  // the response is out, another request may follow
+    finished,  // the response is out and was the last one
+    aborted,   // the client has gone, or must see that the response was cut off
+  };
+  // Sends the client what the handler writes, or a refusal in place of a response that is not whole.
+  asio::awaitable<Outcome> relay(ResponseTerms terms);
+
+  // After relay(): the bus's end of the handler's socket when a handler that has replied still holds its own, else
+  // null. As long as it is open the handler's client counts as being there.
+  std::shared_ptr<Stream> take_handler() { return std::move(handler_); }
+
+  void hang_up();
+
+ private:
+  asio::awaitable<void> copy();
+  asio::awaitable<bool> pass_on(std::string_view body);
+  asio::awaitable<bool> send_piece(std::string_view body);
+  asio::awaitable<bool> end_response(bool whole);
+
+  Bus &bus_;
+  std::shared_ptr<Stream> client_;
+  std::shared_ptr<Stream> handler_;  // the bus's end
+  fork_guard::Guarded handler_end_;  // of the handler's own end, while the daemon holds a copy
+  ReplyMark mark_;
+  ResponseTerms terms_;
+  CgiReader reader_;
+  std::string pending_;     // body, as long as nothing was sent
+  bool streaming_ = false;  // the head is out
+};
+
+}  // namespace dirwell::host

@@ -1,0 +1,235 @@
+#include "platform/host/server.h"
+
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/redirect_error.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "platform/host/limits.h"
+#include "platform/host/loop_descriptors.h"
+#include "platform/host/response_head.h"
+
+namespace dirwell::host {
+
+namespace {
+
+// Admitted clients without a place are held open as far as the descriptors go: each place may need three, and the
+// daemon has files of its own.
+std::size_t waiting_limit() {
+  constexpr std::size_t own = 128;
+  constexpr std::size_t least = 16;
+  constexpr std::size_t most = 4096;
+  rlimit files = {};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) {
+    return least;
+  }
+  const std::size_t reserved = own + 3 * limits().connections + limits().lingering;
+  const std::size_t available = std::min<rlim_t>(files.rlim_cur, reserved + most);
+  return std::max(available, reserved + least) - reserved;
+}
+
+bool has_left(int client) {
+  pollfd watched = {client, 0, 0};
+  return ::poll(&watched, 1, 0) > 0;
+}
+
+}  // namespace
+
+Server::Server(const std::string &service, hx_request_callback callback, int stop_event)
+    : descriptors_before_(event_descriptors()),
+      loop_(1),
+      admission_(service),
+      stop_event_(loop_, stop_event),
+      accept_pause_(loop_),
+      stop_limit_(loop_),
+      waiting_limit_(waiting_limit()) {
+  bus_.callback = callback;
+  for (const int descriptor : event_descriptors()) {
+    if (!descriptors_before_.contains(descriptor)) {
+      loop_guards_.emplace_back(descriptor);
+    }
+  }
+}
+
+Server::~Server() {
+  stop_event_.release();
+  if (listener_) {
+    listener_->release();
+  }
+}
+
+bool Server::listen(const std::string &path) {
+  if (!file_.open(path)) {
+    return false;
+  }
+  listener_guard_ = fork_guard::Guarded(file_.descriptor());
+  listener_.emplace(loop_, asio::local::stream_protocol(), file_.descriptor());
+  return true;
+}
+
+void Server::run() {
+  const auto fail = [](const std::exception_ptr &error) {
+    if (error) {
+      std::rethrow_exception(error);
+    }
+  };
+  asio::co_spawn(loop_, wait_for_stop(), fail);
+  asio::co_spawn(loop_, accept(), fail);
+  loop_.run();
+}
+
+asio::awaitable<void> Server::accept() {
+  while (!bus_.stopping) {
+    if (waiting_.size() >= waiting_limit_) {
+      drop_left_clients();
+      co_await pause();
+      continue;
+    }
+    OwnedFd client(::accept4(file_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (client.valid()) {
+      take(std::move(client));
+      co_await asio::post(loop_, asio::use_awaitable);
+    } else if (errno == EAGAIN) {
+      if (!co_await ready(*listener_, asio::socket_base::wait_read)) {
+        co_return;
+      }
+    } else if (errno != EINTR && errno != ECONNABORTED) {
+      co_await pause();  // out of descriptors or memory, which others may give back
+    }
+  }
+}
+
+asio::awaitable<void> Server::pause() {
+  boost::system::error_code ignored;
+  accept_pause_.expires_after(limits().pause);
+  co_await accept_pause_.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
+}
+
+void Server::take(OwnedFd client) {
+  uid_t user = 0;
+  if (!peer_user(client.get(), user)) {
+    return;
+  }
+  try {
+    if (!admission_.admits(user)) {
+      auto stream = std::make_shared<Stream>(loop_.get_executor(), std::move(client));
+      stream->send_now(refusal(403, "The caller is not admitted to this service.", {}));
+      linger(std::move(stream));
+    } else if (connections_.size() < limits().connections) {
+      serve(std::move(client));
+    } else {
+      waiting_guards_.emplace_back(client.get());
+      waiting_.push_back(std::move(client));
+    }
+  } catch (const std::exception &) {
+    // Out of memory or descriptors: this client is lost, the service goes on.
+  }
+}
+
+void Server::serve(OwnedFd client) {
+  auto stream = std::make_shared<Stream>(loop_.get_executor(), std::move(client));
+  auto connection = std::make_shared<Connection>(bus_, std::move(stream),
+                                                 [this](std::shared_ptr<Stream> left) { linger(std::move(left)); });
+  connections_.insert(connection);
+  asio::co_spawn(loop_, connection->serve(), [this, connection](const std::exception_ptr &) { ended(connection); });
+}
+
+void Server::ended(const std::shared_ptr<Connection> &connection) {
+  connections_.erase(connection);
+  if (bus_.stopping) {
+    if (connections_.empty()) {
+      stop_limit_.cancel();
+    }
+    return;
+  }
+  while (!waiting_.empty() && connections_.size() < limits().connections) {
+    OwnedFd client = std::move(waiting_.front());
+    waiting_.pop_front();
+    waiting_guards_.pop_front();
+    try {
+      serve(std::move(client));
+    } catch (const std::exception &) {
+      // As in take().
+    }
+  }
+}
+
+// Places go to clients that are still there.
+void Server::drop_left_clients() {
+  for (std::size_t index = waiting_.size(); index-- > 0;) {
+    if (has_left(waiting_[index].get())) {
+      waiting_guards_.erase(waiting_guards_.begin() + static_cast<std::ptrdiff_t>(index));
+      waiting_.erase(waiting_.begin() + static_cast<std::ptrdiff_t>(index));
+    }
+  }
+}
+
+void Server::linger(std::shared_ptr<Stream> client) {
+  client->finish();
+  if (lingering_.size() < limits().lingering && !bus_.stopping) {
+    lingering_.insert(client);
+    asio::co_spawn(loop_, drain(client), [this, client](const std::exception_ptr &) { lingering_.erase(client); });
+  }
+}
+
+// A client that is still sending would fail at that and never read its answer, so what it sends is taken and dropped
+// for a while.
+asio::awaitable<void> Server::drain(std::shared_ptr<Stream> client) {
+  constexpr std::size_t bytes_limit = 64 * 1024 * 1024;
+  const Clock::time_point deadline = Clock::now() + limits().linger;
+  std::vector<char> chunk(64 * 1024);
+  for (std::size_t dropped = 0; dropped < bytes_limit && Clock::now() < deadline && !bus_.stopping;) {
+    const std::ptrdiff_t got = client->receive(chunk);
+    if (got == 0) {
+      co_return;
+    }
+    if (got > 0) {
+      dropped += static_cast<std::size_t>(got);
+      co_await asio::post(loop_, asio::use_awaitable);
+    } else if (co_await client->readable(deadline) != Stream::Wake::ready) {
+      co_return;
+    }
+  }
+}
+
+asio::awaitable<void> Server::wait_for_stop() {
+  boost::system::error_code ignored;
+  co_await stop_event_.async_wait(asio::posix::stream_descriptor::wait_read,
+                                  asio::redirect_error(asio::use_awaitable, ignored));
+  stop();
+  if (connections_.empty()) {
+    co_return;
+  }
+  stop_limit_.expires_after(limits().stop);
+  co_await stop_limit_.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
+  for (const auto &connection : connections_) {
+    connection->hang_up();
+  }
+}
+
+void Server::stop() {
+  bus_.stopping = true;
+  listener_->release();
+  listener_.reset();
+  listener_guard_ = {};
+  file_.close();
+  accept_pause_.cancel();
+  waiting_.clear();
+  waiting_guards_.clear();
+  for (const auto &connection : connections_) {
+    connection->stop();
+  }
+  for (const auto &client : lingering_) {
+    client->cancel();
+  }
+}
+
+}  // namespace dirwell::host

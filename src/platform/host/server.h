@@ -1,0 +1,67 @@
+// The loop of a service: listens, admits, serves, stops.
+#pragma once
+
+#include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/host/admission.h"
+#include "platform/host/connection.h"
+#include "platform/host/exchange.h"
+#include "platform/host/socket_file.h"
+#include "platform/host/stream.h"
+
+namespace dirwell::host {
+
+class Server {
+ public:
+  // `stop_event` is an eventfd that becomes readable when the service is to stop; the caller keeps it open.
+  Server(const std::string &service, hx_request_callback callback, int stop_event);
+  ~Server();
+  Server(const Server &) = delete;
+  Server &operator=(const Server &) = delete;
+
+  // Begins to listen; false with errno set on failure.
+  bool listen(const std::string &path);
+  // Serves until the stop event; the calling thread is the worker. Throws when the loop itself fails.
+  void run();
+
+ private:
+  asio::awaitable<void> accept();
+  asio::awaitable<void> pause();
+  asio::awaitable<void> wait_for_stop();
+  asio::awaitable<void> drain(std::shared_ptr<Stream> client);
+  void take(OwnedFd client);
+  void serve(OwnedFd client);
+  void ended(const std::shared_ptr<Connection> &connection);
+  void linger(std::shared_ptr<Stream> client);
+  void drop_left_clients();
+  void stop();
+
+  Bus bus_;  // outlives the loop, which may still hold connections
+  std::set<int> descriptors_before_;
+  asio::io_context loop_;
+  std::vector<fork_guard::Guarded> loop_guards_;  // of the loop's own descriptors
+  Admission admission_;
+  SocketFile file_;
+  std::optional<asio::local::stream_protocol::socket> listener_;
+  fork_guard::Guarded listener_guard_;
+  asio::posix::stream_descriptor stop_event_;
+  asio::steady_timer accept_pause_;
+  asio::steady_timer stop_limit_;
+  std::size_t waiting_limit_;
+  std::deque<OwnedFd> waiting_;  // admitted, without a place yet
+  std::deque<fork_guard::Guarded> waiting_guards_;
+  std::unordered_set<std::shared_ptr<Connection>> connections_;
+  std::unordered_set<std::shared_ptr<Stream>> lingering_;
+};
+
+}  // namespace dirwell::host

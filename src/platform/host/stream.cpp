@@ -1,0 +1,167 @@
+#include "platform/host/stream.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/asio/redirect_error.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <cerrno>
+
+namespace dirwell::host {
+
+asio::awaitable<bool> ready(asio::local::stream_protocol::socket &socket, asio::socket_base::wait_type what) {
+  boost::system::error_code error;
+  co_await socket.async_wait(what, asio::redirect_error(asio::use_awaitable, error));
+  co_return !error;
+}
+
+Stream::Stream(const asio::any_io_executor &executor, OwnedFd socket)
+    : socket_(executor), deadline_(executor), pause_(executor), guard_(socket.get()) {
+  socket_.assign(asio::local::stream_protocol(), socket.get());
+  socket.release();
+}
+
+Stream::~Stream() {
+  // Taken out of the loop by name: as long as a forked process held a copy, the kernel would keep reporting it.
+  boost::system::error_code ignored;
+  const OwnedFd socket(socket_.release(ignored));
+  guard_ = fork_guard::Guarded();
+}
+
+asio::awaitable<Stream::Wake> Stream::readable(Clock::time_point deadline) {
+  if (hung_up_) {
+    co_return Wake::cancelled;
+  }
+  const auto self = shared_from_this();
+  const std::size_t wait = ++waits_;
+  bool expired = false;
+  if (deadline != Clock::time_point::max()) {
+    deadline_.expires_at(deadline);
+    deadline_.async_wait([self, wait, &expired](const boost::system::error_code &error) {
+      if (!error && wait == self->waits_) {
+        expired = true;
+        self->cancel();
+      }
+    });
+  }
+  const bool woken = co_await ready(socket_, asio::socket_base::wait_read);
+  ++waits_;
+  deadline_.cancel();
+  co_return woken ? Wake::ready : (expired ? Wake::timeout : Wake::cancelled);
+}
+
+std::ptrdiff_t Stream::receive(std::span<char> buffer) {
+  while (true) {
+    const ssize_t got = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (got >= 0) {
+      return got;
+    }
+    if (errno == EAGAIN) {
+      return -1;
+    }
+    if (errno != EINTR) {
+      return 0;
+    }
+  }
+}
+
+asio::awaitable<bool> Stream::send(std::string_view first, std::string_view second, std::string_view third) {
+  const auto self = shared_from_this();
+  std::array<std::string_view, 3> pieces = {first, second, third};
+  while (true) {
+    std::array<iovec, 3> vectors = {};
+    std::size_t count = 0;
+    for (const std::string_view piece : pieces) {
+      if (!piece.empty()) {
+        vectors.at(count++) = {const_cast<char *>(piece.data()), piece.size()};
+      }
+    }
+    if (count == 0) {
+      co_return true;
+    }
+    msghdr message = {};
+    message.msg_iov = vectors.data();
+    message.msg_iovlen = count;
+    const ssize_t sent = ::sendmsg(socket_.native_handle(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0 && errno == EAGAIN) {
+      if (hung_up_ || !co_await ready(socket_, asio::socket_base::wait_write)) {
+        co_return false;
+      }
+    } else if (sent < 0 && errno != EINTR) {
+      co_return false;
+    }
+    auto left = sent < 0 ? std::size_t{0} : static_cast<std::size_t>(sent);
+    for (std::string_view &piece : pieces) {
+      const std::size_t part = std::min(left, piece.size());
+      piece.remove_prefix(part);
+      left -= part;
+    }
+  }
+}
+
+void Stream::send_now(std::string_view text) {
+  // A client that reads nothing does not get all of it; there is nobody to tell.
+  static_cast<void>(::send(socket_.native_handle(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+}
+
+void Stream::watch(std::function<void()> on_gone) {
+  on_gone_ = std::move(on_gone);
+  wait_for_end(++watches_);
+}
+
+void Stream::wait_for_end(std::size_t watch) {
+  const auto self = shared_from_this();
+  socket_.async_wait(asio::socket_base::wait_error, [self, watch](const boost::system::error_code &) {
+    if (watch != self->watches_) {
+      return;
+    }
+    if (self->gone()) {
+      ++self->watches_;
+      const auto on_gone = std::move(self->on_gone_);
+      on_gone();
+      return;
+    }
+    // Out-of-band data wakes the wait at once and for as long as nobody reads it, so look again after a while only.
+    self->pause_.expires_after(std::chrono::milliseconds(200));
+    self->pause_.async_wait([self, watch](const boost::system::error_code &) {
+      if (watch == self->watches_) {
+        self->wait_for_end(watch);
+      }
+    });
+  });
+  // The loop reports changes: what had happened before is asked for.
+  if (gone()) {
+    socket_.cancel();
+  }
+}
+
+void Stream::unwatch() {
+  ++watches_;
+  on_gone_ = nullptr;
+  pause_.cancel();
+  socket_.cancel();
+}
+
+bool Stream::gone() {
+  pollfd watched = {socket_.native_handle(), 0, 0};
+  return hung_up_ || (::poll(&watched, 1, 0) > 0 && (watched.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0);
+}
+
+void Stream::cancel() {
+  socket_.cancel();
+}
+
+void Stream::finish() {
+  ::shutdown(socket_.native_handle(), SHUT_WR);
+}
+
+void Stream::hang_up() {
+  hung_up_ = true;
+  ::shutdown(socket_.native_handle(), SHUT_RDWR);
+  socket_.cancel();
+}
+
+}  // namespace dirwell::host
