@@ -141,10 +141,8 @@ void readMembers(const json_t *object, FileStatus &record) {
   if (readText(object, "dirtiness", record.dirtinessText)) {
     record.dirtiness = codeOf(dirtinesses, record.dirtinessText, dirtiness_unknown);
   }
-  if (const json_t *progress = json_object_get(object, "upload_progress"); json_is_real(progress)) {
-    record.uploadProgress = saturatedFloat(json_real_value(progress));
-  }
-  // 0 for a member that is no integer, which is the field's value already.
+  // 0 for a member of another type, which is the field's value already; an integer is no real here.
+  record.uploadProgress = saturatedFloat(json_real_value(json_object_get(object, "upload_progress")));
   record.statusCode = static_cast<std::int32_t>(json_integer_value(json_object_get(object, "status_code")));
   readText(object, "error_type", record.errorType);
   readText(object, "msg", record.message);
