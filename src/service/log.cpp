@@ -79,8 +79,8 @@ std::string_view file_stem(std::string_view path) {
 
 }  // namespace
 
-SourcePlace SourcePlace::here(std::string_view source, std::source_location location) {
-  return {source.empty() ? file_stem(location.file_name()) : source, location.line(), location.function_name()};
+SourcePlace SourcePlace::here(std::string_view source, const char *file, unsigned line, const char *function) {
+  return {source.empty() ? file_stem(file) : source, line, function};
 }
 
 // The crash report does not pass the fork gate: whatever the dying thread held, its last words must not wait for it.

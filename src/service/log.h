@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <ctime>
-#include <source_location>
 #include <string>
 #include <string_view>
 

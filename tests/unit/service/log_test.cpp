@@ -87,6 +87,7 @@ TEST(LogLine, NamesTheCallingFileWithoutFolderAndExtension) {
   EXPECT_EQ(SourcePlace::here().source, "log_test");
   EXPECT_EQ(SourcePlace::here("cache").source, "cache");
   EXPECT_EQ(SourcePlace::here().line, static_cast<unsigned>(__LINE__));
+  EXPECT_STREQ(SourcePlace::here().function, "TestBody");
 }
 
 TEST(LogLine, OfAnyLengthArrivesWhole) {
