@@ -83,6 +83,7 @@ class RowWriter {
     if (log_enabled(Severity::trace)) {
       traceEntry(new_run ? next_folder_ : folder_, entry);
     }
+    entries_.reset();
     if (new_run) {
       if (const int result = addFolder(next_folder_, virtualDirectory(entry)); result != SQLITE_DONE) {
         return result;
@@ -90,7 +91,6 @@ class RowWriter {
       folder_.swap(next_folder_);
       entries_.bind(1, ++folder_row_);
     }
-    entries_.reset();
     entries_.bind(2, entry.name);
     entries_.bindBlob(3, &entry.stat, status_size);
     entries_.bind(4, entry.cluster);

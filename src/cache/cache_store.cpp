@@ -132,6 +132,8 @@ void CacheStore::open(bool fresh) {
     sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);  // would forbid a fresh file to go without journal
     sqlite3_limit(db, SQLITE_LIMIT_LENGTH, longest_foreign_value);
   }
+  // Pages come in the order of the entries' rows; an index made for one statement would bring an order of its own.
+  execute("PRAGMA automatic_index = OFF;");
   sqlite3_create_function_v2(db, "DEDIACRITICAL", 1, SQLITE_UTF8, transliterator.get(), dediacritical, nullptr, nullptr,
                              nullptr);
   if (fresh) {
