@@ -56,7 +56,7 @@ asio::awaitable<bool> Connection::read_request(RequestReader &reader, bool first
       refuse(reader.refusal(), reader.terms());
       co_return false;
     }
-    idle_ = buffer_.empty() && reader.state() == RequestReader::State::head;
+    idle_ = !reader.begun();
     if (!timed && !idle_) {
       timed = true;
       deadline = Clock::now() + limits().request;

@@ -50,17 +50,19 @@ RequestReader &RequestReader::operator=(RequestReader &&) noexcept = default;
 std::size_t RequestReader::feed(std::string_view buffer) {
   std::size_t taken = 0;
   // Some clients send an empty line after a body; it belongs to no request.
-  while (state_ == State::head && buffer.substr(taken).starts_with("\r\n")) {
+  while (!begun_ && buffer.substr(taken).starts_with("\r\n")) {
     taken += 2;
   }
   while (state_ == State::head || state_ == State::body) {
     const std::string_view rest = buffer.substr(taken);
-    if (rest.empty()) {
+    if (rest.empty() || (!begun_ && rest == "\r")) {
       break;
     }
+    begun_ = true;
     boost::beast::error_code error;
     const std::size_t used = parser_->put(boost::asio::buffer(rest.data(), rest.size()), error);
     taken += used;
+    head_bytes_ += state_ == State::head ? used : 0;
     if (error == http::error::need_more) {
       // Lines inside a chunked body count as header fields do; a head of this size has been refused already.
       if (rest.size() - used > limits().header_bytes) {
@@ -68,7 +70,8 @@ std::size_t RequestReader::feed(std::string_view buffer) {
       }
       break;
     }
-    if (error == http::error::header_limit) {
+    // The parser lets some heads pass that are a little longer than its limit.
+    if (error == http::error::header_limit || head_bytes_ > limits().header_bytes) {
       refuse(431, "The request line and header fields exceed 16 KiB.");
     } else if (error == http::error::body_limit) {
       refuse(413, "The request body exceeds 1 MiB.");

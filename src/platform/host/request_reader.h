@@ -36,6 +36,8 @@ class RequestReader {
   std::size_t feed(std::string_view buffer);
 
   [[nodiscard]] State state() const { return state_; }
+  // A byte of the request has come.
+  [[nodiscard]] bool begun() const { return begun_; }
   // The head is accepted and asks for an interim response before the body comes.
   [[nodiscard]] bool expects_continue() const { return state_ == State::body && expects_continue_; }
   // Why the request is refused, in State::refused. What follows it on the connection cannot be told apart any more.
@@ -52,6 +54,8 @@ class RequestReader {
 
   std::unique_ptr<Parser> parser_;
   State state_ = State::head;
+  bool begun_ = false;
+  std::size_t head_bytes_ = 0;
   bool expects_continue_ = false;
   Refusal refusal_;
   ResponseTerms terms_;

@@ -8,6 +8,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/include/hxservice.h"
 
@@ -55,8 +56,12 @@ class Client {
   explicit Client(const ServiceProcess &service) : Client(service.path()) {}
   ~Client();
   Client(Client &&other) noexcept : socket_(other.socket_), buffer_(std::move(other.buffer_)) { other.socket_ = -1; }
+  Client &operator=(Client &&other) noexcept {
+    std::swap(socket_, other.socket_);
+    std::swap(buffer_, other.buffer_);
+    return *this;
+  }
   Client(const Client &) = delete;
-  Client &operator=(const Client &) = delete;
 
   [[nodiscard]] int socket() const { return socket_; }
   // False when the other side has gone.
