@@ -29,8 +29,8 @@ struct SourcePlace {
   const char *function;
 
   // The calling place itself, under the name of its file or under `source` where one component has several files.
-  static SourcePlace here(std::string_view source = {},
-                          std::source_location location = std::source_location::current());
+  static SourcePlace here(std::string_view source = {}, const char *file = __builtin_FILE(),
+                          unsigned line = __builtin_LINE(), const char *function = __builtin_FUNCTION());
 };
 
 // Each writes one line when its severity is enabled, else nothing; no other effect, errno untouched. `format` and what
