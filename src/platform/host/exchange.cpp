@@ -17,6 +17,9 @@
 
 namespace dirwell::host {
 
+// The compiler (GCC 12) evaluates a co_await on the right of && and || even when the left decides. So no condition here
+// has one there.
+
 namespace {
 
 // A response that is complete within this size gets a length; a longer one is passed on as it comes.
@@ -117,7 +120,10 @@ asio::awaitable<void> Exchange::copy() {
       continue;
     }
     const std::string_view body = reader_.feed({buffer.data(), static_cast<std::size_t>(got)});
-    if (reader_.state() == CgiReader::State::broken || !co_await pass_on(body)) {
+    if (reader_.state() == CgiReader::State::broken) {
+      co_return;
+    }
+    if (!co_await pass_on(body)) {
       co_return;
     }
     if (++reads % reads_in_a_row == 0) {
@@ -139,7 +145,10 @@ asio::awaitable<bool> Exchange::pass_on(std::string_view body) {
   terms_.keep_alive = terms_.keep_alive && !bus_.stopping && (length || !terms_.http_1_0);
   const std::string head = response_head(reader_.head(), terms_, length);
   const std::string first = std::exchange(pending_, {});
-  co_return co_await client_->send(head) && co_await send_piece(first);
+  if (!co_await client_->send(head)) {
+    co_return false;
+  }
+  co_return co_await send_piece(first);
 }
 
 asio::awaitable<bool> Exchange::send_piece(std::string_view body) {
@@ -157,7 +166,10 @@ asio::awaitable<bool> Exchange::send_piece(std::string_view body) {
 asio::awaitable<bool> Exchange::end_response(bool whole) {
   if (streaming_) {
     const bool chunked = !terms_.http_1_0 && !reader_.head().content_length && !terms_.head_only;
-    co_return whole && (!chunked || co_await client_->send("0\r\n\r\n"));
+    if (whole && chunked) {
+      co_return co_await client_->send("0\r\n\r\n");
+    }
+    co_return whole;
   }
   terms_.keep_alive = terms_.keep_alive && !bus_.stopping;
   if (!whole) {

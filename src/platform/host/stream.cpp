@@ -87,7 +87,10 @@ asio::awaitable<bool> Stream::send(std::string_view first, std::string_view seco
     message.msg_iovlen = count;
     const ssize_t sent = ::sendmsg(socket_.native_handle(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent < 0 && errno == EAGAIN) {
-      if (hung_up_ || !co_await ready(socket_, asio::socket_base::wait_write)) {
+      if (hung_up_) {
+        co_return false;
+      }
+      if (!co_await ready(socket_, asio::socket_base::wait_write)) {
         co_return false;
       }
     } else if (sent < 0 && errno != EINTR) {
