@@ -149,7 +149,7 @@ std::string render_listing(const Listing &listing, const ListingLayout &layout) 
     result += indent + line + "\n";
     titles = false;
   }
-  return result + std::to_string(listing.entries.size()) + " of " + counted(listing.total) + "\n";
+  return result + std::to_string(listing.entries.size()) + " of " + std::to_string(listing.total) + " entries\n";
 }
 
 std::size_t terminal_width() {

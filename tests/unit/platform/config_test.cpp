@@ -345,6 +345,7 @@ TEST_F(Config, ServesThreadsWhileTheFileChanges) {
   put(file, "[s]\nk = 1\n");
   std::vector<std::thread> readers;
   std::array<int, 3> strange{};
+  readers.reserve(strange.size());
   for (int &count : strange) {
     readers.emplace_back([&count] {
       for (int i = 0; i < 2000; ++i) {
