@@ -9,8 +9,12 @@ namespace dirwell {
 namespace {
 
 // The calls report the previous id only; an id that cannot be is refused and so tells the one in force.
-uid_t current_fsuid() { return static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1))); }
-gid_t current_fsgid() { return static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))); }
+uid_t current_fsuid() {
+  return static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1)));
+}
+gid_t current_fsgid() {
+  return static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1)));
+}
 
 }  // namespace
 

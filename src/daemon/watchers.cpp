@@ -1,6 +1,7 @@
 #include "daemon/watchers.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -49,9 +50,13 @@ CacheWatcher *watcher_of(std::size_t index) {
 
 }  // namespace
 
-CacheWatcher::CacheWatcher(WatchTimes &times) : times_(times) { set_both_times(); }
+CacheWatcher::CacheWatcher(WatchTimes &times) : times_(times) {
+  set_both_times();
+}
 
-CacheWatcher::~CacheWatcher() { stop(); }
+CacheWatcher::~CacheWatcher() {
+  stop();
+}
 
 void CacheWatcher::set_both_times() {
   const std::time_t now = std::time(nullptr);
@@ -63,16 +68,19 @@ bool CacheWatcher::start() {
   if (running_) {
     return true;
   }
-  inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (inotify_ < 0) {
+  inotify_.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  wake_.reset(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (!inotify_.valid() || !wake_.valid()) {
+    inotify_.reset();
+    wake_.reset();
     return false;
   }
   running_ = true;
   set_both_times();
   if (start_thread(thread_, &CacheWatcher::run, this) != 0) {
     running_ = false;
-    ::close(inotify_);
-    inotify_ = -1;
+    inotify_.reset();
+    wake_.reset();
     return false;
   }
   return true;
@@ -82,17 +90,18 @@ void CacheWatcher::stop() {
   if (!running_.exchange(false)) {
     return;
   }
+  ::eventfd_write(wake_.get(), 1);
   ::pthread_join(thread_, nullptr);
   const std::lock_guard lock(mutex_);
-  ::close(inotify_);  // and with it every watch
-  inotify_ = -1;
+  inotify_.reset();  // and with it every watch
+  wake_.reset();
   watches_.clear();
 }
 
 void CacheWatcher::clear() {
   const std::lock_guard lock(mutex_);
   for (const int watch : watches_) {
-    ::inotify_rm_watch(inotify_, watch);  // fails where the folder has gone, and the watch with it
+    ::inotify_rm_watch(inotify_.get(), watch);  // fails where the folder has gone, and the watch with it
   }
   watches_.clear();
 }
@@ -102,7 +111,7 @@ std::size_t CacheWatcher::add(const std::vector<std::string> &folders) {
   {
     const std::lock_guard lock(mutex_);
     for (const std::string &folder : folders) {
-      const int watch = ::inotify_add_watch(inotify_, folder.c_str(), relevant_events);
+      const int watch = ::inotify_add_watch(inotify_.get(), folder.c_str(), relevant_events);
       if (watch >= 0) {
         watches_.insert(watch);
       } else {
@@ -127,12 +136,12 @@ void *CacheWatcher::run(void *self) {
     veto.emplace();
   }
   while (watcher.running_) {
-    pollfd waiting{watcher.inotify_, POLLIN, 0};
-    const int ready = ::poll(&waiting, 1, poll_milliseconds);
+    std::array<pollfd, 2> waiting{{{watcher.inotify_.get(), POLLIN, 0}, {watcher.wake_.get(), POLLIN, 0}}};
+    const int ready = ::poll(waiting.data(), waiting.size(), poll_milliseconds);
     if (ready < 0) {
       break;
     }
-    if (ready > 0 && (waiting.revents & POLLIN) != 0) {
+    if (ready > 0 && (waiting[0].revents & POLLIN) != 0) {
       watcher.drain(*veto);
     }
   }
@@ -142,7 +151,7 @@ void *CacheWatcher::run(void *self) {
 // Reads until the queue is empty.
 void CacheWatcher::drain(const VetoFilter &veto) {
   alignas(inotify_event) std::array<char, buffer_size> buffer;
-  for (ssize_t got = 0; (got = ::read(inotify_, buffer.data(), buffer.size())) > 0;) {
+  for (ssize_t got = 0; (got = ::read(inotify_.get(), buffer.data(), buffer.size())) > 0;) {
     const fork_gate::Section section;
     for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(got);) {
       inotify_event event{};

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "cache/watch_times.h"
+#include "service/unique_fd.h"
 
 namespace dirwell {
 
@@ -27,7 +28,7 @@ class CacheWatcher {
   // kernel gives no inotify instance or no thread. Worker thread.
   bool start();
 
-  // Ends the watching within half a second. Does nothing when not running. Worker thread.
+  // Ends the watching at once. Does nothing when not running. Worker thread.
   void stop();
 
   // Forgets every watch. Pool thread.
@@ -44,11 +45,12 @@ class CacheWatcher {
   void set_both_times();
 
   WatchTimes &times_;
-  int inotify_ = -1;
+  UniqueFd inotify_;
+  UniqueFd wake_;  // an eventfd that ends the poll thread's wait
   std::atomic<bool> running_{false};
   pthread_t thread_{};
-  std::mutex mutex_;          // guards watches_: the pool thread changes it, the poll thread reads it
-  std::set<int> watches_;     // watch descriptors; the kernel does not give a number out again
+  std::mutex mutex_;       // guards watches_: the pool thread changes it, the poll thread reads it
+  std::set<int> watches_;  // watch descriptors; the kernel does not give a number out again
 };
 
 // Of the process: a watcher for each valid cache index. Worker hooks.
