@@ -8,28 +8,40 @@ import tempfile
 
 import pytest
 
+from harness.instance import fresh_instance
 from harness.loglines import said
 from harness.tree import make_file, make_folder, make_link
 
+TOOL = "/usr/local/bin/remote_mount_tool"
 CACHE_KEYS = ["is_cached", "cache_file_status", "cache_priority", "cache_upload_progress", "cache_folder_is_encypted",
               "cache_folder_is_locked", "cache_root_status", "upload_failed_count"]
 
 
-@pytest.fixture
-def mount(make_instance):
+@pytest.fixture(scope="module")
+def cloud():
     """A running instance whose share is a cloud-cache mount.
 
     Byte 35 of a path, behind which the mount's root ends, is the slash behind the share; byte 20, where the arguments
     of the mount tool begin, lies within the share's name.
     """
-    instance = make_instance()
     base = pathlib.Path(tempfile.mkdtemp(dir="/tmp", prefix="d-"))
     base.chmod(0o755)
-    instance.share = make_folder(base / "twenty-and-fifteen.")
-    assert len(str(instance.share)) == 35 and str(instance.share)[20:] == "ty-and-fifteen."
-    instance.write_shares(("Cloud", instance.share, 1))
-    yield instance.start()
+    with fresh_instance() as instance:
+        instance.share = base / "twenty-and-fifteen."
+        assert len(str(instance.share)) == 35 and str(instance.share)[20:] == "ty-and-fifteen."
+        instance.write_shares(("Cloud", instance.share, 1))
+        yield instance.start()
     shutil.rmtree(base)
+
+
+@pytest.fixture
+def mount(cloud):
+    """The mount, empty and without attributes, tool or snapshots."""
+    make_folder(cloud.share)
+    yield cloud
+    shutil.rmtree(cloud.share)
+    (cloud.root / TOOL.lstrip("/")).unlink(missing_ok=True)
+    cloud.write_host("")
 
 
 def states(reply):
@@ -119,14 +131,14 @@ def test_the_count_of_failed_uploads(mount, value, count):
     assert states(mount.fetch()) == {"file": [1, 0, 0, 0, 0, 0, 2000, count]}
 
 
-def test_trusted_attributes_are_hidden_from_ordinary_session_users(mount):
+def test_trusted_attributes_are_hidden_from_ordinary_session_users(mount, make_instance):
     make_file(mount.share / "file")
     os.setxattr(mount.share, "trusted.cm.failed_files_count", b"7")
-    mount.stop()
-    mount.process = None
-    mount.write_session("nobody")
-    mount.start()
-    assert states(mount.fetch()) == {"file": [1, 0, 0, 0, 0, 0, 2000, 0]}
+    assert states(mount.fetch()) == {"file": [1, 0, 0, 0, 0, 0, 2000, 7]}
+    instance = make_instance("nobody")
+    instance.write_shares(("Cloud", mount.share, 1))
+    instance.start()
+    assert states(instance.fetch(mount.share)) == {"file": [1, 0, 0, 0, 0, 0, 2000, 0]}
 
 
 def test_an_entry_too_short_for_the_cut_is_its_own_mount(make_instance):
@@ -146,8 +158,6 @@ def test_an_entry_too_short_for_the_cut_is_its_own_mount(make_instance):
 
 # --- Encrypted folders ---
 
-TOOL = "/usr/local/bin/remote_mount_tool"
-
 
 @pytest.mark.parametrize("status, locked", [(1, 0), (-2, -2), (0, 1), (2, 1), (-1, 1)])
 def test_an_encrypted_folder(mount, status, locked):
@@ -155,6 +165,7 @@ def test_an_encrypted_folder(mount, status, locked):
     make_folder(mount.share / "plain")
     make_file(mount.share / "file")
     notes = mount.root / "arguments"
+    notes.unlink(missing_ok=True)
     answer = json.dumps({"data": {"encrypted_folder": str(folder), "status": status}})
     mount.write_program(TOOL, f"printf '[%s]' \"$@\" >>{notes}\necho >>{notes}\necho '{answer}'\n")
     reply = states(mount.fetch())

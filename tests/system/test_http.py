@@ -149,7 +149,7 @@ def test_a_client_that_has_only_ended_its_sending_gets_its_reply(daemon, listing
 def test_replies_of_any_size_arrive_whole_at_a_slow_reader(daemon, make_instance):
     instance = make_instance()
     for n in range(2000):
-        make_file(instance.share / f"{n:04}{'x' * 200}", b"")
+        make_file(instance.share / f"{n:04}{'x' * 250}", b"")
     instance.start()
     with instance.raw() as raw:
         raw.send(post(json.dumps({"path": [{"full_path": str(instance.share), "alias": "/S"}],

@@ -9,8 +9,10 @@ import tempfile
 import pytest
 
 from harness.instance import fresh_instance
+from harness.instance import fresh_instance
 from harness.tree import make_file, make_folder
 
+TOOL = "/usr/local/medialibrary/bin/mymediadbcmd"
 SUFFIXES = [".mobile240p", ".mobile360p", ".mobile480p", ".ipad720p", ".mobile1080p", ".original"]
 FLAGS = ["mp4_240", "mp4_360", "mp4_480", "mp4_720", "mp4_1080", "mp4_org"]
 
@@ -54,12 +56,10 @@ def test_a_page_without_such_a_clip_has_none(daemon, clips):
 
 
 @pytest.mark.parametrize("kind, probed", [(0, 1), (1, 0), (2, 0), (3, 1), (8, 0), (9, 1)])
-def test_shares_of_some_types_are_not_probed(make_instance, clips, kind, probed):
-    instance = make_instance()
-    shutil.copy(clips / "new.mp4", instance.share / "new.mp4")
-    instance.write_shares(("Other", "/nowhere"), ("Share", instance.share, kind))
-    instance.start()
-    assert facts(instance.fetch(), "is_h265") == {"new.mp4": probed}
+def test_shares_of_some_types_are_not_probed(daemon, clips, kind, probed):
+    daemon.write_shares(("Other", "/nowhere"), ("Clips", clips, kind))
+    assert facts(daemon.fetch(clips, name="new.mp4"), "is_h265") == {"new.mp4": probed}
+    daemon.write_shares()
 
 
 @pytest.mark.parametrize("script, answer", [
@@ -74,12 +74,10 @@ def test_shares_of_some_types_are_not_probed(make_instance, clips, kind, probed)
     ("head -c 2000000 /dev/zero | tr '\\0' x >&2; echo ': hevc (' >&2", 0),
     ("echo ': hevc (' >&2; head -c 2000000 /dev/zero | tr '\\0' x >&2", 1),
 ])
-def test_the_answer_is_read_from_the_tools_error_stream(make_instance, script, answer):
-    instance = make_instance()
-    make_file(instance.share / "a.mkv")
-    instance.write_program("/usr/bin/ffmpeg", script + "\n")
-    instance.start()
-    assert facts(instance.fetch(), "is_h265") == {"a.mkv": answer}
+def test_the_answer_is_read_from_the_tools_error_stream(quiet, script, answer):
+    make_file(quiet.share / "a.mkv")
+    quiet.write_program("/usr/bin/ffmpeg", script + "\n")
+    assert facts(quiet.fetch(), "is_h265") == {"a.mkv": answer}
 
 
 def test_what_is_no_program_under_the_root_leaves_the_machines_own(make_instance, clips):
@@ -90,15 +88,14 @@ def test_what_is_no_program_under_the_root_leaves_the_machines_own(make_instance
     assert facts(instance.fetch(), "is_h265") == {"new.mp4": 1}
 
 
-def test_a_name_is_handed_to_the_tool_as_it_is(make_instance):
-    instance = make_instance()
+def test_a_name_is_handed_to_the_tool_as_it_is(quiet):
+    instance = quiet
     notes = instance.root / "notes"
     instance.write_program("/usr/bin/ffmpeg", f"printf '%s\\0' \"$3\" >>{notes}\n")
     names = ["-i.mkv", "$(touch x).mkv", "a b;c.mkv", "line\nfeed.mkv", "quote'\".mkv"]
     for name in names:
         make_file(instance.share / name)
     make_file(os.fsencode(instance.share) + b"/bad\xff.mkv")
-    instance.start()
     instance.fetch()
     seen = notes.read_bytes().split(b"\0")[:-1]
     assert sorted(seen) == sorted([os.fsencode(instance.share / name) for name in names]
@@ -108,12 +105,21 @@ def test_a_name_is_handed_to_the_tool_as_it_is(make_instance):
 # --- Transcoded copies ---
 
 
+@pytest.fixture(scope="module")
+def quiet_daemon():
+    with fresh_instance() as instance:
+        yield instance.start()
+
+
 @pytest.fixture
-def quiet(make_instance):
-    """A running instance whose video tool finds nothing, quickly."""
-    instance = make_instance()
-    instance.write_program("/usr/bin/ffmpeg", "")
-    return instance.start()
+def quiet(quiet_daemon):
+    """A running instance with an empty share, whose video tool finds nothing, quickly, and which has no other tool."""
+    quiet_daemon.write_program("/usr/bin/ffmpeg", "")
+    yield quiet_daemon
+    shutil.rmtree(quiet_daemon.share)
+    make_folder(quiet_daemon.share)
+    (quiet_daemon.root / TOOL.lstrip("/")).unlink(missing_ok=True)
+    quiet_daemon.write_host("")
 
 
 def test_transcoded_copies(quiet):
@@ -175,7 +181,6 @@ def test_thumbnails_and_sound_copies(quiet):
 
 # --- Projection: asked once a file, for files below /share alone ---
 
-TOOL = "/usr/local/medialibrary/bin/mymediadbcmd"
 PROJECTED = r"""printf '%s\n' '<media-info projection-type=\"1\" />' >&2"""
 
 

@@ -3,6 +3,7 @@
 import contextlib
 import os
 import pathlib
+import pwd
 import re
 import shutil
 import signal
@@ -48,7 +49,7 @@ class Instance:
         self.share.chmod(0o755)
         self.log_path = self.root / "log"
         self.process = None
-        self.run_as = None  # user and group of an ordinary user's instance
+        self.run_as = {}  # whose process the daemon is; root's where nothing is said
         self.end_expected = False
         self.leftovers_expected = False  # a daemon that was killed cannot tidy up
         self.grace = 3  # seconds that request processes may outlive the daemon
@@ -116,7 +117,7 @@ class Instance:
     # --- Life ---
 
     def start(self, *options, **environment):
-        """Starts the daemon (default: with its session id alone) and waits until it accepts a connection."""
+        """Starts the daemon (default: with its session id alone) and waits until it serves."""
         assert self.process is None
         self.launch(*(options or ("--sid", self.sid)), **environment)
 
@@ -124,23 +125,29 @@ class Instance:
             if self.process.poll() is not None:
                 return True
             with contextlib.suppress(OSError):
-                bus.connect(self.socket).close()
-                return True
+                return bus.exchange(self.socket, "GET", "/").status == 200
             return False
 
-        assert wait_until(answers, 20), f"the daemon does not listen: {self.log()}"
+        assert wait_until(answers, 20), f"the daemon does not serve: {self.log()}"
         assert self.process.poll() is None, f"the daemon ended with {self.process.returncode}: {self.log()}"
         return self
 
+    def give_to(self, user):
+        """Lets an ordinary user own the instance and run it."""
+        account = pwd.getpwnam(user)
+        for path in (self.root, self.root / "var/run", self.root / "var/run/dirwell/sessions", self.session_file):
+            os.chown(path, account.pw_uid, account.pw_gid)
+        self.run_as = {"user": account.pw_uid, "group": account.pw_gid, "extra_groups": []}
+        # A clone may lie where only root reaches.
+        self.binary = pathlib.Path(shutil.copy(self.binary, self.root))
+        self.client = pathlib.Path(shutil.copy(self.client, self.root))
+        return self
+
     def launch(self, *options, **environment):
-        identity = {}
-        if self.run_as:
-            identity = {"user": self.run_as[0], "group": self.run_as[1], "extra_groups": []}
-            self.binary = pathlib.Path(shutil.copy(self.binary, self.root))  # a clone may lie where only root reaches
         with open(self.log_path, "ab") as log:
             self.process = subprocess.Popen([str(self.binary), *options], stdin=subprocess.DEVNULL,
                                             stdout=subprocess.DEVNULL, stderr=log, cwd="/",
-                                            env={**self.environment, **environment}, **identity)
+                                            env={**self.environment, **environment}, **self.run_as)
         self.end_expected = False
         Instance.alive_instances.add(self)
         return self
