@@ -81,9 +81,10 @@ bool read_reply(int socket, ReplyParser &parser, Clock::time_point deadline) {
       return timed_out();
     }
     if (got == 0) {
+      const bool begun = parser.got_some();
       parser.put_eof(error);
       errno = ECONNRESET;
-      return !error && parser.is_done();
+      return begun && !error;
     }
     buffer.append(chunk.data(), static_cast<std::size_t>(got));
     buffer.erase(0, parser.put(boost::asio::buffer(buffer), error));
