@@ -88,7 +88,7 @@ std::vector<std::string> running_instances(const std::string &root) {
 }
 
 std::string find_sid(const std::string &root, const std::string &option) {
-  const std::string sid = option.empty() ? environment("DIRWELL_SID") : option;
+  std::string sid = option.empty() ? environment("DIRWELL_SID") : option;
   if (!sid.empty()) {
     if (!is_sid(sid)) {
       throw Failure(Status::usage, "\"" + display_text(sid) + "\" is no session id");

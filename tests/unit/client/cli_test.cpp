@@ -8,14 +8,12 @@
 #include <vector>
 
 #include "client/instance.h"
-#include "client/json.h"
 #include "fake_service.h"
 #include "support/environment.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-using dirwell::client::parse_json;
 using dirwell::test::FakeService;
 using dirwell::test::json_reply;
 using dirwell::test::ScopedEnvironment;
@@ -45,7 +43,7 @@ class CommandLine : public testing::Test {
   Outcome list(Arguments arguments, const std::string &reply, std::string *request = nullptr) const {
     FakeService service(dirwell::client::socket_path(folder.path(), "abc"), json_reply(reply));
     arguments.insert(arguments.begin(), "list");
-    const Outcome outcome = run(arguments);
+    Outcome outcome = run(arguments);
     if (request != nullptr) {
       const std::string all = service.request();
       *request = all.substr(all.find("\r\n\r\n") + 4);

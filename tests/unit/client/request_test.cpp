@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "client/failure.h"
-#include "client/json.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -17,7 +16,6 @@ using dirwell::client::default_alias;
 using dirwell::client::Failure;
 using dirwell::client::list_request;
 using dirwell::client::ListOptions;
-using dirwell::client::parse_json;
 using dirwell::client::Status;
 
 // The folder "/f" and what `change` adds.
