@@ -322,8 +322,8 @@ TEST_F(Faults, AListingThatAnotherRequestOvertakesIsNotMixedWithIt) {
   CacheStore winner(1, false);
   ErrorRecord fine;
   JsonRef reply;
+  log_level = 3;
   const AtStatement overtake(loser.connection(), "INSERT INTO cache", [&] {
-    log_level = 3;
     reply = winner.set({entry("/w", "1", "w"), entry("/w", "2", "w")}, fine);
   });
   EXPECT_EQ(logOfFailedSet(loser, {entry("/l", "3", "l")}), errorLine("database is locked"));
@@ -340,14 +340,10 @@ TEST_F(Faults, TheSummaryOfAListingIsItsOwnWhateverFollowsItsCommit) {
   ErrorRecord fine;
   JsonRef reply;
   log_level = 3;
-  sqlite3_commit_hook(
-      first.connection(), [](void * /*unused*/) { return 0; }, nullptr);
   {
     // The summary is read while nobody else can write.
-    const AtStatement during(first.connection(), "SELECT GROUP_CONCAT", [&] {
-      EXPECT_EQ(second.set({entry("/w", "1", "w")}, fine), nullptr);
-      log_level = 3;
-    });
+    const AtStatement during(first.connection(), "SELECT GROUP_CONCAT",
+                             [&] { EXPECT_EQ(second.set({entry("/w", "1", "w")}, fine), nullptr); });
     const std::string text = logged([&] { reply = first.set({entry("/l", "3", "l")}, error); });
     EXPECT_EQ(text, errorLine("database is locked") + errorLine("database is locked"));
   }

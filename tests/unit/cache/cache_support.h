@@ -2,11 +2,13 @@
 // entries, a formatter that remembers, and ways to look into a database past the store.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <jansson.h>
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -1,5 +1,8 @@
 #include "cache/watch_times.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <cstdint>
 
 namespace dirwell {

@@ -105,6 +105,18 @@ TEST(SortKey, HasRoomForLongTexts) {
   EXPECT_GT(collatedBytes(collator.get(), text).size(), 40000U);
 }
 
+TEST(SortKey, HasRoomForCharactersThatStandForManyOthers) {
+  const std::unique_ptr<icu::Collator> collator = english();
+  std::string text;
+  for (int character = 0; character < 100; ++character) {
+    text += "\xEF\xB7\xBA";  // one that collates as eighteen
+  }
+  const std::vector<unsigned char> bytes = collatedBytes(collator.get(), text);
+  EXPECT_GT(bytes.size(), 1000U);
+  EXPECT_EQ(std::find(bytes.begin(), bytes.end(), 0), bytes.end() - 1);
+  EXPECT_LT(bytes, collatedBytes(collator.get(), text + "a"));
+}
+
 TEST(SortKey, OrdersBytesWithoutACollator) {
   EXPECT_THAT(collatedBytes(nullptr, "b\xC3"), ElementsAre('b', 0xC3, 0));
   EXPECT_THAT(collatedBytes(nullptr, "b", true), ElementsAre(0x9D, 0xFF));

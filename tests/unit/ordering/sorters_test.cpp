@@ -222,6 +222,29 @@ TEST_F(NameSorterOrder, HandsOnEqualNamesOnly) {
   }
 }
 
+TEST_F(NameSorterOrder, TakesMarksInAnyOrder) {
+  const ResourceEntry below_first = entryOf("a\xCC\xA3\xCC\x81");
+  const ResourceEntry above_first = entryOf("a\xCC\x81\xCC\xA3");
+  auto sorter = std::make_shared<NameSorter>(false);
+  EXPECT_FALSE(sorter->compare(below_first, above_first));
+  EXPECT_FALSE(sorter->compare(above_first, below_first));
+}
+
+TEST_F(NameSorterOrder, OrdersEachOfSeveralCanonicallyEqualNamesByTheNextSorter) {
+  const char *spellings[] = {"\xC3\xA9", "e\xCC\x81", "\xC3\xA9z", "e\xCC\x81z"};
+  std::mt19937 random(9);
+  for (const bool descending : {false, true}) {
+    auto sorter = chain<NameSorter, SizeSorter>(descending, descending);
+    std::vector<ResourceEntry> entries;
+    entries.reserve(300);
+    for (int made = 0; made < 300; ++made) {
+      entries.push_back(entryOf(spellings[random() % 4], {.size = static_cast<std::int64_t>(random() % 100)}));
+    }
+    sorter->sort(entries);
+    EXPECT_EQ(test::contradictedPairs(entries, *sorter), 0);
+  }
+}
+
 TEST_F(NameSorterOrder, SortsThousandsOfCanonicallyEqualNames) {
   // 4096 spellings of one text, and neighbours on both sides of it.
   const std::vector<std::string> letters{"\xC3\xA9", "e\xCC\x81"};
@@ -304,6 +327,22 @@ TEST_F(DirectorySorterOrder, DecidesRootsThatCollateEqual) {
   auto descending = chain<DirectorySorter, NameSorter>(true, false);
   EXPECT_TRUE(descending->compare(a, b));
   EXPECT_TRUE(descending->compare(b, a));
+}
+
+TEST_F(DirectorySorterOrder, KeepsRootsApartThatCollateEqual) {
+  const char *roots[] = {"/\xC3\xA9", "/e\xCC\x81", "/\xC3\xA9z"};
+  std::mt19937 random(4);
+  for (const bool descending : {false, true}) {
+    auto sorter = chain<DirectorySorter, NameSorter>(descending, descending);
+    std::vector<ResourceEntry> entries;
+    entries.reserve(300);
+    for (int made = 0; made < 300; ++made) {
+      entries.push_back(entryOf(std::to_string(random() % 100),
+                                {.mode = random() % 2 == 0 ? 040755U : 0100644U, .directory = roots[random() % 3]}));
+    }
+    sorter->sort(entries);
+    EXPECT_EQ(test::contradictedPairs(entries, *sorter), 0);
+  }
 }
 
 // Numbers

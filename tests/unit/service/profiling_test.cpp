@@ -1,4 +1,4 @@
-#include "daemon/profiling.h"
+#include "service/profiling.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-#include "daemon/profiling.h"
+#include "service/profiling.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>
