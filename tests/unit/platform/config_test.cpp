@@ -289,6 +289,14 @@ TEST_F(Config, SeesEveryChange) {
   EXPECT_EQ(text("s", "k"), "new");
 }
 
+TEST_F(Config, SeesChangesThatFollowTooFastForTheTimeStamps) {
+  for (int i = 100; i < 400; ++i) {
+    const std::string value = std::to_string(i);
+    put(file, "[s]\nk = " + value + "\n");
+    ASSERT_EQ(text("s", "k"), value);
+  }
+}
+
 // What this process has read so far, in bytes.
 long long bytes_read() {
   std::ifstream io("/proc/self/io");
