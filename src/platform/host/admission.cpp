@@ -15,7 +15,7 @@ namespace dirwell::host {
 namespace {
 
 constexpr std::string_view service_prefix = "dirwell-";
-constexpr std::size_t users_size = 16 * 1024;
+constexpr std::size_t users_size = 16UL * 1024;
 
 bool is_account(const std::string &name, uid_t user) {
   std::vector<char> buffer(4096);

@@ -28,7 +28,7 @@ namespace http = boost::beast::http;
 using Clock = std::chrono::steady_clock;
 using ReplyParser = http::response_parser<http::string_body>;
 
-constexpr std::size_t reply_limit = 16 * 1024 * 1024;
+constexpr std::size_t reply_limit = 16UL * 1024 * 1024;
 
 // Gives the next blocking operation on the socket what is left of the time; false with ETIMEDOUT when that is nothing.
 bool limit_next(int socket, int option, Clock::time_point deadline) {
@@ -67,7 +67,7 @@ bool read_reply(int socket, ReplyParser &parser, Clock::time_point deadline) {
   parser.body_limit(reply_limit);
   parser.eager(true);
   std::string buffer;
-  std::array<char, 16 * 1024> chunk;
+  std::array<char, 16UL * 1024> chunk;
   boost::beast::error_code error;
   while (!parser.is_done()) {
     if (!limit_next(socket, SO_RCVTIMEO, deadline)) {

@@ -25,7 +25,7 @@ struct CgiHead {
 
 class CgiReader {
  public:
-  static constexpr std::size_t head_limit = 16 * 1024;
+  static constexpr std::size_t head_limit = 16UL * 1024;
 
   enum class State { head, body, broken };
 

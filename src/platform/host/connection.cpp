@@ -11,7 +11,7 @@ namespace dirwell::host {
 
 namespace {
 
-constexpr std::size_t read_size = 16 * 1024;
+constexpr std::size_t read_size = 16UL * 1024;
 // More handlers than this that go on after their reply learn that their client has gone although it has not.
 constexpr std::size_t handlers_kept = 16;
 
@@ -126,10 +126,10 @@ void Connection::keep(std::shared_ptr<Stream> handler) {
     handlers_.front()->unwatch();
     handlers_.erase(handlers_.begin());
   }
-  handlers_.push_back(handler);
   handler->watch([this, ended = handler.get()] {
     std::erase_if(handlers_, [ended](const auto &kept) { return kept.get() == ended; });
   });
+  handlers_.push_back(std::move(handler));
 }
 
 void Connection::stop() {

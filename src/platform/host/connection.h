@@ -13,7 +13,7 @@
 namespace dirwell::host {
 
 // What a client whose connection the bus ends may still do: read its answer.
-using Linger = std::function<void(std::shared_ptr<Stream>)>;
+using Linger = std::function<void(const std::shared_ptr<Stream> &)>;
 
 // Worker only; held by shared_ptr.
 class Connection : public std::enable_shared_from_this<Connection> {

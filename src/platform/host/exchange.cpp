@@ -23,8 +23,8 @@ namespace dirwell::host {
 namespace {
 
 // A response that is complete within this size gets a length; a longer one is passed on as it comes.
-constexpr std::size_t pending_limit = 64 * 1024;
-constexpr std::size_t read_size = 64 * 1024;
+constexpr std::size_t pending_limit = 64UL * 1024;
+constexpr std::size_t read_size = 64UL * 1024;
 // A handler and a client that never let the bus wait must not keep it from the others.
 constexpr unsigned reads_in_a_row = 16;
 

@@ -62,7 +62,7 @@ class Capture {
 
   // Reads once; at the end of the stream the pipe is closed.
   std::size_t read_some() {
-    std::array<char, 16 * 1024> chunk;
+    std::array<char, 16UL * 1024> chunk;
     const ssize_t got = ::read(read_end_.get(), chunk.data(), chunk.size());
     if (got < 0) {
       if (errno != EAGAIN && errno != EINTR) {

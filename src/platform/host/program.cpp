@@ -102,7 +102,7 @@ class ScratchStack {
   [[nodiscard]] void *top() const { return static_cast<std::byte *>(memory_) + size; }
 
  private:
-  static constexpr std::size_t size = 64 * 1024;
+  static constexpr std::size_t size = 64UL * 1024;
   void *memory_;
 };
 

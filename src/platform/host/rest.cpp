@@ -30,7 +30,7 @@ namespace dirwell::host {
 namespace {
 
 // What the table answers itself is written on the worker, into the buffer of a socket.
-constexpr std::size_t usage_limit = 64 * 1024;
+constexpr std::size_t usage_limit = 64UL * 1024;
 
 struct JsonRelease {
   void operator()(json_t *value) const { json_decref(value); }

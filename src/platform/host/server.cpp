@@ -60,10 +60,8 @@ Server::Server(const std::string &service, hx_request_callback callback, int sto
 }
 
 Server::~Server() {
-  stop_event_.release();
-  if (listener_) {
-    listener_->release();
-  }
+  static_cast<void>(stop_event_.release());
+  release_listener();
 }
 
 bool Server::listen(const std::string &path) {
@@ -73,6 +71,15 @@ bool Server::listen(const std::string &path) {
   listener_guard_ = fork_guard::Guarded(file_.descriptor());
   listener_.emplace(loop_, asio::local::stream_protocol(), file_.descriptor());
   return true;
+}
+
+// The loop only waits at the socket; the file owns it.
+void Server::release_listener() {
+  if (listener_) {
+    boost::system::error_code ignored;
+    listener_->release(ignored);
+    listener_.reset();
+  }
 }
 
 void Server::run() {
@@ -122,7 +129,7 @@ void Server::take(OwnedFd client) {
     if (!admission_.admits(user)) {
       auto stream = std::make_shared<Stream>(loop_.get_executor(), std::move(client));
       stream->send_now(refusal(403, "The caller is not admitted to this service.", {}));
-      linger(std::move(stream));
+      linger(stream);
     } else if (connections_.size() < limits().connections) {
       serve(std::move(client));
     } else {
@@ -137,7 +144,7 @@ void Server::take(OwnedFd client) {
 void Server::serve(OwnedFd client) {
   auto stream = std::make_shared<Stream>(loop_.get_executor(), std::move(client));
   auto connection = std::make_shared<Connection>(bus_, std::move(stream),
-                                                 [this](std::shared_ptr<Stream> left) { linger(std::move(left)); });
+                                                 [this](const std::shared_ptr<Stream> &left) { linger(left); });
   connections_.insert(connection);
   asio::co_spawn(loop_, connection->serve(), [this, connection](const std::exception_ptr &) { ended(connection); });
 }
@@ -172,7 +179,7 @@ void Server::drop_left_clients() {
   }
 }
 
-void Server::linger(std::shared_ptr<Stream> client) {
+void Server::linger(const std::shared_ptr<Stream> &client) {
   client->finish();
   if (lingering_.size() < limits().lingering && !bus_.stopping) {
     lingering_.insert(client);
@@ -183,9 +190,9 @@ void Server::linger(std::shared_ptr<Stream> client) {
 // A client that is still sending would fail at that and never read its answer, so what it sends is taken and dropped
 // for a while.
 asio::awaitable<void> Server::drain(std::shared_ptr<Stream> client) {
-  constexpr std::size_t bytes_limit = 64 * 1024 * 1024;
+  constexpr std::size_t bytes_limit = 64UL * 1024 * 1024;
   const Clock::time_point deadline = Clock::now() + limits().linger;
-  std::vector<char> chunk(64 * 1024);
+  std::vector<char> chunk(64UL * 1024);
   for (std::size_t dropped = 0; dropped < bytes_limit && Clock::now() < deadline && !bus_.stopping;) {
     const std::ptrdiff_t got = client->receive(chunk);
     if (got == 0) {
@@ -217,8 +224,7 @@ asio::awaitable<void> Server::wait_for_stop() {
 
 void Server::stop() {
   bus_.stopping = true;
-  listener_->release();
-  listener_.reset();
+  release_listener();
   listener_guard_ = {};
   file_.close();
   accept_pause_.cancel();

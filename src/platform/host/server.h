@@ -42,8 +42,9 @@ class Server {
   void take(OwnedFd client);
   void serve(OwnedFd client);
   void ended(const std::shared_ptr<Connection> &connection);
-  void linger(std::shared_ptr<Stream> client);
+  void linger(const std::shared_ptr<Stream> &client);
   void drop_left_clients();
+  void release_listener();
   void stop();
 
   Bus bus_;  // outlives the loop, which may still hold connections
