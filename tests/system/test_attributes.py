@@ -193,6 +193,22 @@ def test_without_the_tool_a_folder_is_plain(mount):
     assert states(mount.fetch()) == {"secret": [1, 0, 0, 0, 0, 0, 2000, 0]}
 
 
+def test_a_path_too_short_for_the_tools_second_argument_gives_an_empty_one(make_instance):
+    instance = make_instance()
+    base = pathlib.Path(tempfile.mkdtemp(dir="/tmp", prefix="d-"))
+    try:
+        make_folder(base / "0123456789")
+        assert len(str(base)) == 15
+        notes = instance.root / "arguments"
+        instance.write_program(TOOL, f"printf '[%s]' \"$@\" >{notes}\n")
+        instance.write_shares(("Cloud", base, 1))
+        instance.start()
+        assert states(instance.fetch(base)) == {"0123456789": [1, 0, 0, 0, 0, 0, 2000, 0]}
+        assert notes.read_text() == "[--func][get_encrypted_folder_runtime_status][456789][--uuid][]"
+    finally:
+        shutil.rmtree(base)
+
+
 # --- Auto-tiering ---
 
 

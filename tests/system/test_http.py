@@ -399,6 +399,9 @@ UUID = "01234567-89ab-cdef-0123-456789abcdef"
     ("delete.cache", {"uuid": UUID, "index": "0"}, "invalid index"),
     ("create.cache", {"index": 3}, "invalid index"),
     ("create.cache", {"index": 2}, "invalid path"),
+    ("create.cache", {"index": "2"}, "invalid path"),
+    ("create.cache", {"index": "x"}, "invalid index"),
+    ("create.cache", {"index": True, "limit": 1}, "invalid limit"),
     ("create.cache", {"path": "x"}, "invalid path type"),
 ])
 def test_bad_parameters_of_the_other_endpoints(daemon, endpoint, request_object, message):

@@ -3,6 +3,8 @@
 import os
 import pathlib
 import signal
+import socket
+import tempfile
 import time
 
 import pytest
@@ -124,6 +126,34 @@ def test_programs_have_the_users_identity_alone_and_inherit_nothing(nobodys):
     assert descriptors == ["0", "1", "2"]
     assert (notes / "input").read_bytes() == b""
     assert (notes / "arguments").read_text() == f"-hide_banner\n-i\n{nobodys.share}/clip.mkv\n"
+
+
+def test_a_request_process_keeps_sockets_and_deleted_files_and_closes_the_rest(instance):
+    instance.notes = instance.root
+    slow_probe(instance, 2)
+    pipe = os.pipe()
+    pair = socket.socketpair()
+    with open(instance.write("file", "x"), "rb") as file, tempfile.TemporaryFile(dir=instance.root) as deleted:
+        to_keep = {0, 1, 2, pair[0].fileno(), deleted.fileno()}
+        to_close = {file.fileno(), *pipe}
+        instance.handed_over = tuple((to_keep | to_close) - {0, 1, 2})
+        instance.start()
+
+        def opened(pid):
+            return {int(number) for number in os.listdir(f"/proc/{pid}/fd")}
+
+        assert to_keep | to_close <= opened(instance.process.pid)
+        with ask_in_background(instance) as raw:
+            has_begun(instance)
+            process, = instance.request_processes()
+            descriptors = opened(process)
+            assert raw.response().status == 200
+    for end in pair:
+        end.close()
+    for end in pipe:
+        os.close(end)
+    assert to_keep <= descriptors
+    assert not to_close & descriptors
 
 
 # --- The life of a request process ---

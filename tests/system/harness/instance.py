@@ -49,6 +49,7 @@ class Instance:
         self.share.chmod(0o755)
         self.log_path = self.root / "log"
         self.process = None
+        self.handed_over = ()  # descriptors that the daemon inherits beside the standard ones
         self.run_as = {}  # whose process the daemon is; root's where nothing is said
         self.end_expected = False
         self.leftovers_expected = False  # a daemon that was killed cannot tidy up
@@ -147,7 +148,7 @@ class Instance:
         with open(self.log_path, "ab") as log:
             self.process = subprocess.Popen([str(self.binary), *options], stdin=subprocess.DEVNULL,
                                             stdout=subprocess.DEVNULL, stderr=log, cwd="/",
-                                            env={**self.environment, **environment}, **self.run_as)
+                                            env={**self.environment, **environment}, pass_fds=self.handed_over, **self.run_as)
         self.end_expected = False
         Instance.alive_instances.add(self)
         return self
