@@ -8,6 +8,7 @@ import subprocess
 import time
 
 from .instance import fresh_instance, wait_until
+from .loglines import said
 
 UNKNOWN = "00000000-0000-4000-8000-000000000000"  # a uuid in form that no listing has
 
@@ -65,6 +66,11 @@ def names(reply):
     return [entry["filename"] for entry in reply["datas"]]
 
 
+def heard(instance, since):
+    """Tag and message of the lines after the first `since`, without those of the watch jobs, which run in between."""
+    return [line for line in said(instance.lines()[since:]) if not line[1].endswith("cannot be watched")]
+
+
 # --- Files ---
 
 
@@ -115,7 +121,7 @@ def watches(instance, index):
     for line in (base / "fdinfo" / queues[index - 1]).read_text().splitlines():
         if line.startswith("inotify "):
             fields = dict(field.split(":", 1) for field in line.split()[1:])
-            found[int(fields["wd"])] = int(fields["ino"], 16)
+            found[int(fields["wd"], 16)] = int(fields["ino"], 16)
     return found
 
 
