@@ -106,7 +106,7 @@ bool DirectorySorter::compare(const ResourceEntry &a, const ResourceEntry &b) {
 
 void DirectorySorter::appendKey(const ResourceEntry &entry, SortKey &key) {
   key.sharedCollated(collator.get(), entry.directory, descending != 0);
-  key.raw(entry.directory);
+  key.raw(entry.directory);  // roots that collate equal stay apart
   key.fixed(entry.isDirectory() ? 0 : 1);
   appendNextKey(entry, key);
 }
@@ -135,10 +135,9 @@ bool NameSorter::compare(const ResourceEntry &a, const ResourceEntry &b) {
 void NameSorter::appendKey(const ResourceEntry &entry, SortKey &key) {
   key.fixed(nameClass(entry.name));
   key.collated(collator.get(), entry.name, descending != 0);
-  if (next) {  // only equal names are handed on, not those that collate equal
-    key.raw(entry.name);
-    next->appendKey(entry, key);
-  }
+  // Only equal names are handed on. That followers get to place those that merely collate equal, too, contradicts
+  // nothing.
+  appendNextKey(entry, key);
 }
 
 bool DateSorter::compare(const ResourceEntry &a, const ResourceEntry &b) {

@@ -44,6 +44,16 @@ std::vector<std::string> sortedBy(bool descending, const std::vector<std::string
   return sortedNames(*chain<Field>(descending), listingOf(names));
 }
 
+// How many times a text begins anew on the way through the listing.
+template <typename TextOf>
+std::size_t groupsOf(const std::vector<ResourceEntry> &entries, TextOf text_of) {
+  std::size_t groups = entries.empty() ? 0 : 1;
+  for (std::size_t place = 1; place < entries.size(); ++place) {
+    groups += text_of(entries[place]) != text_of(entries[place - 1]) ? 1 : 0;
+  }
+  return groups;
+}
+
 class SortersInEnglish : public testing::Test {
   ScopedLocale locale_{"en_US"};
 };
@@ -342,6 +352,7 @@ TEST_F(DirectorySorterOrder, KeepsRootsApartThatCollateEqual) {
     }
     sorter->sort(entries);
     EXPECT_EQ(test::contradictedPairs(entries, *sorter), 0);
+    EXPECT_EQ(groupsOf(entries, [](const ResourceEntry &entry) { return std::string(entry.directory.view()); }), 3U);
   }
 }
 
@@ -508,11 +519,7 @@ TEST_F(ClusterSorterOrder, KeepsGroupsApartThatCollateEqual) {
     }
     sorter->sort(entries);
     EXPECT_EQ(test::contradictedPairs(entries, *sorter), 0);
-    std::size_t changes = 1;
-    for (std::size_t place = 1; place < entries.size(); ++place) {
-      changes += entries[place].cluster != entries[place - 1].cluster ? 1 : 0;
-    }
-    EXPECT_EQ(changes, clusters.size());
+    EXPECT_EQ(groupsOf(entries, [](const ResourceEntry &entry) { return entry.cluster; }), clusters.size());
   }
 }
 
