@@ -13,8 +13,8 @@
 
 namespace dirwell {
 
-// Writes the keys of one sort one behind the other into a single arena. Every part it appends is either of fixed width
-// or ends in a byte that its content cannot hold, so that the parts of two keys always line up. The texts given must
+// Writes the keys of one sort one behind the other into a single arena. Every piece it appends is either of fixed width
+// or ends in a byte that its content cannot hold, so that two keys always line up piece by piece. The texts given must
 // hold no NUL (no file name can) and must live as long as the writer. One thread at a time; throws only std::bad_alloc.
 class SortKey {
  public:
