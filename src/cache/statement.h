@@ -29,7 +29,8 @@ class Statement {
 
   // SQLITE_ROW, SQLITE_DONE or an error.
   int step() { return statement_ != nullptr ? sqlite3_step(statement_) : prepared_; }
-  // Needed between a step and the next binding; bindings stay. The result repeats that of the last step, which its caller has seen.
+  // Needed between a step and the next binding; bindings stay. The result repeats that of the last step, which its
+  // caller has seen.
   void reset() { sqlite3_reset(statement_); }
 
   // The number of a named parameter.

@@ -179,6 +179,7 @@ TEST_F(Faults, EmptyAndForeignAndTruncatedFilesHoldNoListing) {
 // Whatever single place of the file is damaged, reading ends.
 TEST_F(Faults, DamagedPagesEndTheReadingAndNothingElse) {
   std::vector<ResourceEntry> entries;
+  entries.reserve(2000);
   for (int i = 0; i < 2000; ++i) {
     entries.push_back(entry(i % 3 == 0 ? "/A" : "/B", "name" + std::to_string(i), std::to_string(i % 5)));
   }
@@ -282,6 +283,7 @@ TEST_F(Faults, AFullDiskUndoesTheListing) {
   store.resetSchema();
   rows(store.connection(), "PRAGMA max_page_count = 8");
   std::vector<ResourceEntry> entries;
+  entries.reserve(5000);
   for (int i = 0; i < 5000; ++i) {
     entries.push_back(entry("/d", std::to_string(i)));
   }

@@ -46,6 +46,7 @@ class Fetch : public test::CacheTest {
 
 std::vector<ResourceEntry> numbered(int count) {
   std::vector<ResourceEntry> entries;
+  entries.reserve(static_cast<std::size_t>(count));
   const SharedText directory = "/d";
   for (int i = 0; i < count; ++i) {
     entries.push_back(entry(directory, std::to_string(i)));
