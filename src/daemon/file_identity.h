@@ -3,11 +3,13 @@
 
 #include <sys/types.h>
 
+#include <vector>
+
 namespace dirwell {
 
-// While it stands, the calling thread opens and watches files with the rights of the session's user and primary group
-// alone; other threads keep the daemon's. held() is false when the kernel refused the switch: then no file may be
-// touched.
+// While it stands, the calling thread opens and watches files with the rights of the session's user and of that user's
+// groups alone; other threads keep the daemon's. held() is false when the kernel refused the switch: then no file may
+// be touched. Not inside a fork gate section.
 class SessionFileIdentity {
  public:
   SessionFileIdentity();
@@ -20,7 +22,8 @@ class SessionFileIdentity {
  private:
   uid_t previous_uid_;
   gid_t previous_gid_;
-  bool held_;
+  std::vector<gid_t> previous_groups_;
+  bool held_ = false;
 };
 
 }  // namespace dirwell

@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -41,17 +40,26 @@ void release(hx_io *io, int descriptor) {
   hx_io_free(io);
 }
 
-// Ends with _exit whatever happens: the destructors of the daemon's objects are not this process's to run.
-[[noreturn]] void run_request(hx_request *request, hx_rest_handler handler, hx_io *io, json_t *parameters,
-                              int descriptor) {
+void run_request(hx_request *request, hx_rest_handler handler, hx_io *io, json_t *parameters, int descriptor) {
   // With any other identity than the session user's no file may be touched.
   if (!Session::instance().seteuser(false)) {
     ::_exit(1);
   }
+  const JsonRef object = build_request_object(io, parameters);
+  handler(request, io, object.get(), descriptor);
+}
+
+// The forked child's whole life. It ends with _exit whatever happens: the destructors of the daemon's objects are not
+// its to run, and its way back would lead into the daemon's bus loop.
+[[noreturn]] void become_request_process(hx_request *request, hx_rest_handler handler, hx_io *io, json_t *parameters,
+                                         int descriptor) {
   try {
-    const JsonRef object = build_request_object(io, parameters);
-    handler(request, io, object.get(), descriptor);
-  } catch (const std::exception &) {
+    close_inherited_fds();
+    if (::fork() != 0) {
+      ::_exit(0);  // forked or not: the request process belongs to init and is never a zombie of the daemon
+    }
+    run_request(request, handler, io, parameters, descriptor);
+  } catch (...) {
     ::_exit(1);  // the bus tells the client that there was no whole reply
   }
   ::_exit(0);
@@ -62,11 +70,7 @@ void release(hx_io *io, int descriptor) {
 void fork_prehandler(hx_request *request, hx_rest_handler handler, hx_io *io, json_t *parameters, int descriptor) {
   const pid_t child = fork_gate::fork();
   if (child == 0) {
-    close_inherited_fds();
-    if (::fork() != 0) {
-      ::_exit(0);  // forked or not: the request process belongs to init and is never a zombie of the daemon
-    }
-    run_request(request, handler, io, parameters, descriptor);
+    become_request_process(request, handler, io, parameters, descriptor);
   }
   if (child > 0) {
     while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {

@@ -1,11 +1,13 @@
 #include "daemon/run.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "cache/cache_store.h"
 #include "daemon/endpoints.h"
@@ -25,9 +27,9 @@ namespace dirwell {
 
 namespace {
 
-// What the bus's callbacks reach; set before the bus loop starts, cleared after it has ended.
+// What the bus's callbacks and the signal handler reach; set before the bus loop starts, cleared after it has ended.
 hx_rest *rest_table = nullptr;
-hx_service *bus_service = nullptr;
+std::atomic<hx_service *> bus_service = nullptr;
 // A stop that arrives before there is a service to stop.
 volatile std::sig_atomic_t stop_requested = 0;
 
@@ -49,13 +51,14 @@ void on_worker_init(void * /*argument*/) {
 }
 
 void on_worker_fini(void * /*argument*/) {
+  stop_watchers();
   stop_thread_pool();
 }
 
 void on_stop_signal(int /*signal_number*/) {
   stop_requested = 1;
-  if (bus_service != nullptr) {
-    hx_stop(bus_service);
+  if (hx_service *service = bus_service; service != nullptr) {
+    hx_stop(service);
   }
 }
 
@@ -99,8 +102,9 @@ int run(int argc, char *argv[]) {
 
   const int status = serve(instance_name);
 
-  hx_free(bus_service);
-  hx_rest_destroy(rest_table);
+  // A second stop signal must find no service any more.
+  hx_free(bus_service.exchange(nullptr));
+  hx_rest_destroy(std::exchange(rest_table, nullptr));
   cleanCacheFolder();
   remove_pid_file();
   log_info("[%s] shutdown service", instance_name.c_str());

@@ -3,12 +3,13 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sqlite3.h>
-#include <unicode/translit.h>
 
 #include <array>
 #include <ctime>
 #include <memory>
+#include <vector>
 
+#include "ordering/clusters.h"
 #include "ordering/sorters.h"
 #include "platform/include/strata_nas.h"
 #include "service/languages.h"
@@ -28,6 +29,13 @@ void warm_collation() {
     std::make_shared<NameSorter>(false)->sort(pair);
   }
   set_default_language(LanguageTable.front());
+}
+
+// The first use of the rules builds tables that all later ones share.
+void warm_case_and_accents() {
+  ResourceEntry entry;
+  entry.name = "\xC3\x89lan";  // Élan
+  NameCluster().key(entry);
 }
 
 void warm_database() {
@@ -52,6 +60,7 @@ void warm_name_service() {
 
 void warm_up() {
   warm_collation();
+  warm_case_and_accents();
   warm_database();
   warm_name_service();
   SMB_Free_Share_Info(SMB_Get_Share_Info());

@@ -48,6 +48,11 @@ CacheWatcher *watcher_of(std::size_t index) {
   return slot.watcher.get();
 }
 
+bool is_vetoed(const VetoFilter &veto, const char *name) {
+  const fork_gate::Section section;
+  return veto.isVetoedName(name);
+}
+
 }  // namespace
 
 CacheWatcher::CacheWatcher(WatchTimes &times) : times_(times) {
@@ -108,16 +113,16 @@ void CacheWatcher::clear() {
 
 std::size_t CacheWatcher::add(const std::vector<std::string> &folders) {
   std::size_t refused = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    for (const std::string &folder : folders) {
-      const int watch = ::inotify_add_watch(inotify_.get(), folder.c_str(), relevant_events);
-      if (watch >= 0) {
-        watches_.insert(watch);
-      } else {
-        ++refused;
-      }
+  for (const std::string &folder : folders) {
+    // Without the mutex: a folder on a file system that hangs must not hang the poll thread too. An event before the
+    // watch is noted does not matter, since the times are set below.
+    const int watch = ::inotify_add_watch(inotify_.get(), folder.c_str(), relevant_events);
+    if (watch < 0) {
+      ++refused;
+      continue;
     }
+    const std::lock_guard lock(mutex_);
+    watches_.insert(watch);
   }
   set_both_times();
   return refused;
@@ -148,17 +153,16 @@ void *CacheWatcher::run(void *self) {
   return nullptr;
 }
 
-// Reads until the queue is empty.
+// Reads until the queue is empty. No lock is waited for inside a fork gate section.
 void CacheWatcher::drain(const VetoFilter &veto) {
   alignas(inotify_event) std::array<char, buffer_size> buffer;
   for (ssize_t got = 0; (got = ::read(inotify_.get(), buffer.data(), buffer.size())) > 0;) {
-    const fork_gate::Section section;
     for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(got);) {
       inotify_event event{};
       std::memcpy(&event, buffer.data() + at, sizeof event);
       const char *name = event.len > 0 ? buffer.data() + at + sizeof event : "";
       // An overflow says that events were lost, and so perhaps changes.
-      if ((event.mask & IN_Q_OVERFLOW) != 0 || (watches(event.wd) && !veto.isVetoedName(name))) {
+      if ((event.mask & IN_Q_OVERFLOW) != 0 || (watches(event.wd) && !is_vetoed(veto, name))) {
         times_.lastChange = std::time(nullptr);
       }
       at += sizeof event + event.len;
@@ -188,13 +192,18 @@ void reload_watches(std::size_t index) {
   watcher->clear();
   const SessionFileIdentity identity;
   if (!identity.held()) {
+    watcher->add({});  // fresh, with nothing to watch
+    log_debug(SourcePlace::here(), "[cache] the folders of cache %zu cannot be watched as the session's user", index);
     return;
   }
   std::vector<std::string> folders;
   {
     const fork_gate::Section section;
     CacheStore store(index, false);
-    folders = store.cachedPaths();
+    store.begin();  // so that the table that is looked at is the one that is read
+    if (store.holdsOwnTable()) {
+      folders = store.cachedPaths();
+    }
   }
   std::erase(folders, std::string());  // the placeholder of the listing itself
   if (const std::size_t refused = watcher->add(folders); refused > 0) {

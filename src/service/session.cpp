@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
-#include <vector>
 
 #include "service/fork_gate.h"
 #include "service/log.h"
@@ -29,8 +29,14 @@ std::mutex creation_mutex;
 }  // namespace
 
 Session &Session::instance() {
+  // Threads of the daemon ask at any time, also while it forks: once the session is there they take no lock.
+  static std::atomic<Session *> existing = nullptr;
+  if (Session *session = existing; session != nullptr) {
+    return *session;
+  }
   const std::lock_guard lock(creation_mutex);
   static Session session;
+  existing = &session;
   return session;
 }
 
@@ -71,22 +77,35 @@ bool Session::alive() {
   return auth_get_session_ex(sid_.c_str(), check_only, &record_) == 0;
 }
 
+int Session::look_up_groups(std::vector<gid_t> &array) const {
+  array.assign(group_capacity, 0);
+  int count = static_cast<int>(array.size());
+  return ::getgrouplist(user_name().c_str(), gid_, array.data(), &count);
+}
+
+std::vector<gid_t> Session::groups() const {
+  std::vector<gid_t> array;
+  array.resize(static_cast<std::size_t>(std::max(0, look_up_groups(array))));
+  return array;
+}
+
 bool Session::seteuser(bool restore) {
-  std::vector<gid_t> groups(group_capacity, 0);
-  int count = static_cast<int>(groups.size());
-  count = ::getgrouplist(user_name().c_str(), gid_, groups.data(), &count);
+  std::vector<gid_t> array;
+  const int count = look_up_groups(array);
   // A failed lookup clears the supplementary groups. An ordinary user may not set them at all, and already has its own.
-  const bool groups_set = ::setgroups(static_cast<std::size_t>(std::max(0, count)), groups.data()) == 0 ||
+  const bool groups_set = ::setgroups(static_cast<std::size_t>(std::max(0, count)), array.data()) == 0 ||
                           (errno == EPERM && ::geteuid() != 0);
   if (log_enabled(Severity::trace)) {
-    for (const gid_t group : groups) {
+    for (const gid_t group : array) {
       log_trace(identity_place, "[session] gid = %d", static_cast<int>(group));
     }
   }
   const gid_t gid = restore ? ::getgid() : gid_;
   const uid_t uid = restore ? ::getuid() : uid_;
   const bool switched = ::setegid(gid) == 0 && ::seteuid(uid) == 0;
-  return groups_set && switched && ::getegid() == gid && ::geteuid() == uid;
+  // A session that was not there when its id was set has left the ids at 0, which are not its user's.
+  const bool ids_are_the_users = restore || record_.uid == uid_;
+  return groups_set && switched && ::getegid() == gid && ::geteuid() == uid && ids_are_the_users;
 }
 
 }  // namespace dirwell

@@ -5,6 +5,7 @@
 
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "platform/include/strata_nasauth.h"
 #include "service/interval_timer.h"
@@ -31,9 +32,14 @@ class Session {
   // Asks the platform whether the session is valid now, and refills the record. Any thread.
   bool alive();
 
+  // The supplementary groups of the session's user; none when the lookup fails. In the daemon inside a fork gate
+  // section.
+  [[nodiscard]] std::vector<gid_t> groups() const;
+
   // Takes on the session user's groups, group and user as the effective ones, in this order; with `restore` goes back
-  // to the real group and user. Returns false when the process does not hold the wanted identity afterwards; the caller
-  // must then touch no file. Only in a process of its own.
+  // to the real group and user. Returns false when the process does not hold the wanted identity afterwards, or when
+  // the ids taken over with the sid are not those of the session's user now; the caller must then touch no file. Only
+  // in a process of its own.
   bool seteuser(bool restore);
 
   Session(const Session &) = delete;
@@ -43,13 +49,16 @@ class Session {
   Session();
   ~Session() = default;
 
+  // The groups in an array of full size, zeroed beyond the returned count; negative when the lookup fails.
+  int look_up_groups(std::vector<gid_t> &array) const;
+
   uid_t uid_ = 0;
   gid_t gid_ = 0;
-  IntervalTimer liveness_;
   std::string sid_;
   std::string instance_name_;
   auth_session record_{};
   mutable std::mutex mutex_;  // guards the platform's lookup and record_
+  IntervalTimer liveness_;    // last: its thread uses all that stands above
 };
 
 }  // namespace dirwell

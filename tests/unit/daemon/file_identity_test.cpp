@@ -1,12 +1,14 @@
 #include "daemon/file_identity.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <thread>
+#include <vector>
 
 #include "service/session.h"
 #include "support/environment.h"
@@ -73,6 +75,37 @@ TEST(SessionFileIdentity, LeavesOtherThreadsTheirRights) {
               }
               thread.join();
               ::_exit(other && !own ? 0 : 1);
+            }),
+            0);
+}
+
+std::vector<gid_t> groups_now() {
+  std::vector<gid_t> groups(64);
+  groups.resize(static_cast<std::size_t>(::getgroups(64, groups.data())));
+  return groups;
+}
+
+TEST(SessionFileIdentity, ReplacesTheThreadsGroupsByTheUsersAndPutsThemBack) {
+  const test::ScopedSession session("fs4", "nobody");
+  const test::TempDir folder;
+  const std::string for_the_group = folder.write("for the group");
+  ::chmod(folder.path().c_str(), 0755);
+  constexpr gid_t stray = 4242;
+  ASSERT_EQ(::chown(for_the_group.c_str(), 0, stray), 0);
+  ::chmod(for_the_group.c_str(), 0640);
+  EXPECT_EQ(test::in_child([&] {
+              test::captured_stderr([] { Session::instance().set_sid("fs4"); });
+              if (::setgroups(1, &stray) != 0) {
+                ::_exit(2);
+              }
+              bool inside = true;
+              bool users_groups = false;
+              {
+                const SessionFileIdentity identity;
+                inside = can_open(for_the_group);
+                users_groups = identity.held() && groups_now() == Session::instance().groups();
+              }
+              ::_exit(!inside && users_groups && groups_now() == std::vector<gid_t>{stray} ? 0 : 1);
             }),
             0);
 }

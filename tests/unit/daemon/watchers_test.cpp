@@ -304,6 +304,42 @@ TEST_F(ReloadTest, WatchesWithTheUsersRights) {
   EXPECT_NE(said.find("[cache] 1 of 2 folders of cache 1 cannot be watched\n"), std::string::npos) << said;
 }
 
+// What the pool thread does for "watch", in a tight loop, against the forks of requests.
+TEST_F(ReloadTest, LeavesNothingLockedInRequestProcesses) {
+  const test::ScopedSession session("reload4", "nobody");
+  EXPECT_EQ(test::in_child([this] {
+              log_level = 0;
+              Session::instance().set_sid("reload4");
+              create_cache(1, {share_.path()});
+              start_watchers();
+              std::atomic<bool> stop{false};
+              std::thread pool([&stop] {
+                while (!stop) {
+                  reload_watches(1);
+                }
+              });
+              bool all_ended = true;
+              for (int i = 0; i < 1500 && all_ended; ++i) {
+                const pid_t request = fork_gate::fork();
+                if (request == 0) {
+                  ::alarm(10);
+                  const bool switched = Session::instance().seteuser(false);
+                  CacheStore store;
+                  ErrorRecord record;
+                  ::_exit(switched && store.set({}, record) ? 0 : 1);
+                }
+                int status = -1;
+                ::waitpid(request, &status, 0);
+                all_ended = status == 0;
+              }
+              stop = true;
+              pool.join();
+              stop_watchers();
+              ::_exit(all_ended ? 0 : 1);
+            }),
+            0);
+}
+
 TEST_F(ReloadTest, OfAMissingCacheForgetsTheOldWatchesAndIsFresh) {
   const test::ScopedSession session("reload3");
   EXPECT_EQ(test::in_child([this] {

@@ -134,6 +134,27 @@ TEST(SetEUser, IsFineForAnOrdinaryUserWhoIsTheSessionsUser) {
             0);
 }
 
+TEST(SetEUser, RefusesWhenTheSessionHasBecomeAnotherUsers) {
+  EXPECT_EQ(in_child([] {
+              {
+                const ScopedSession file("switch6", "root");
+                captured_stderr([] { Session::instance().set_sid("switch6"); });
+              }
+              const ScopedSession file("switch6", "nobody");
+              ::_exit(Session::instance().alive() && !Session::instance().seteuser(false) ? 0 : 1);
+            }),
+            0);
+}
+
+TEST(SetEUser, RefusesWhenTheSessionCameOnlyAfterItsIdWasSet) {
+  EXPECT_EQ(in_child([] {
+              captured_stderr([] { Session::instance().set_sid("switch7"); });
+              const ScopedSession file("switch7", "nobody");
+              ::_exit(Session::instance().alive() && !Session::instance().seteuser(false) ? 0 : 1);
+            }),
+            0);
+}
+
 TEST(SetEUser, TracesTheWholeGroupArray) {
   const ScopedSession file("switch5", "nobody");
   const std::string text = captured_stderr([] {
