@@ -1,23 +1,23 @@
+#include "platform/host/root.h"
+
 #include <cstdlib>
-#include <string>
 
 #include "platform/include/hxservice.h"
 
-namespace {
+namespace dirwell::host {
 
-std::string root_of_environment() {
-  const char *value = std::getenv("DIRWELL_ROOT");
+std::string root_from(const char *value) {
   std::string root = value == nullptr ? "" : value;
-  while (!root.empty() && root.back() == '/') {
+  while (root.ends_with('/')) {
     root.pop_back();
   }
   return root;
 }
 
-}  // namespace
+}  // namespace dirwell::host
 
 const char *hx_root(void) {
   // Never destroyed: threads may still ask while the process ends.
-  static const std::string *const root = new std::string(root_of_environment());
+  static const std::string *const root = new std::string(dirwell::host::root_from(std::getenv("DIRWELL_ROOT")));
   return root->c_str();
 }

@@ -30,15 +30,15 @@ hx_rest *hx_rest_create(void);
 
 /*
  * Adds an endpoint. `name` and `usage` must live as long as the table. Returns 0, or -1 with errno EEXIST when the name
- * is taken or ENOMEM.
+ * is taken, EMSGSIZE when the usage text exceeds 64 KiB, or ENOMEM.
  */
 int hx_rest_endpoint(hx_rest *rest, hx_rest_handler handler, const char *name, hx_rest_prehandler prehandler,
                      const char *usage);
 
 /*
  * Routes a request to its endpoint's pre-handler, or answers it at once where no handler is asked for (usage texts, the
- * list of endpoints, refusals). Takes over `io` and `descriptor` in every case. Returns 0 when a pre-handler ran, 1 when
- * the table answered itself.
+ * list of endpoints, refusals). Takes over `io` and `descriptor` in every case but one: an exception of a pre-handler
+ * passes through, and both are the caller's still. Returns 0 when a pre-handler ran, 1 when the table answered itself.
  */
 int hx_rest_dispatch(hx_rest *rest, hx_request *request, hx_io *io, int descriptor);
 

@@ -29,7 +29,9 @@ const char *hx_root(void);
 /*
  * Called on the worker thread for each incoming request. The callee owns `io` and `descriptor`: it frees the one and
  * closes the other, or passes both on. `descriptor` is a connected socket that takes a CGI-style response: header lines,
- * an empty line, the body.
+ * an empty line, the body. The worker itself reads its other end, so a response that is written on the worker, within
+ * the callback, must fit into a socket (64 KiB always do); longer ones are written by other threads or processes. A
+ * process that the callback forks holds this one socket of the bus and no other.
  */
 typedef void (*hx_request_callback)(hx_request *request, hx_io *io, int descriptor);
 typedef void (*hx_worker_hook)(void *argument);
@@ -38,7 +40,8 @@ typedef void (*hx_signal_handler)(int signal_number);
 /*
  * Creates a service named `name` that hands its requests to `callback`. `backlog_class` and `workers` are the bus's own
  * tuning values; the host platform runs exactly one worker whatever they say. Nothing listens before hx_start.
- * Returns NULL with errno set on failure: ENAMETOOLONG when the socket's path exceeds what the kernel can hold.
+ * Returns NULL with errno set on failure: ENAMETOOLONG when the socket's path exceeds what the kernel can hold, EINVAL
+ * when the name is empty or holds a '/'. From here on SIGPIPE is ignored: a write to a client that has gone is an error.
  */
 hx_service *hx_create(const char *name, int backlog_class, int workers, hx_request_callback callback);
 
@@ -84,11 +87,17 @@ const char *hx_io_read(const hx_io *io, size_t offset);
 size_t hx_io_write(hx_io *io, const void *data, size_t size);
 /* Cuts or zero-extends the content to `size` bytes; returns 0, or -1 when memory is short. */
 int hx_io_realloc(hx_io *io, size_t size);
-/* 1 while the client of the io's request is there (always, for an io without a client), else 0. Any thread. */
+/*
+ * 1 while the client of the io's request is there (always, for an io without a client), else 0; also after the reply. A
+ * client that has shut down its sending side only is there. The request's descriptor must be open. Any thread, also in a
+ * forked request process.
+ */
 int hx_io_alive(const hx_io *io);
 /*
- * The reply is complete. Content that the io object holds itself is sent first, as a JSON response. Later calls for the
- * same request do nothing.
+ * The reply is complete, whatever the handler does or writes afterwards. Content that the io object holds itself is sent
+ * first, as a JSON response: empty it when the reply was written to the descriptor. The descriptor must be open still; it
+ * takes no more. Later calls for the same request do nothing, and nothing happens for an io without a client. A handler
+ * that ends without this call has replied when what it wrote is whole by its length or its JSON text, or of another type.
  */
 void hx_reply(hx_io *io);
 
@@ -97,7 +106,10 @@ void hx_reply(hx_io *io);
 /*
  * Posts the content of `io` to `endpoint` of the service named `service` and waits at most `timeout_seconds` for the
  * reply. The reply's body replaces the content of `io` when `reply_descriptor` is -1, else it is written to that
- * descriptor. Returns the HTTP status of the reply, or -1 with errno set when there was none.
+ * descriptor. Returns the HTTP status of the reply, or -1 with errno set and the content as it was when there was none:
+ * ETIMEDOUT, ENOENT or ECONNREFUSED without such a service, ECONNRESET or EPROTO for a reply that is not whole or not
+ * HTTP, EMSGSIZE beyond 16 MiB, EINVAL for a time limit that is not positive. Any thread but the worker, which may have
+ * to answer the call; any process.
  */
 int hx_call(const char *service, const char *endpoint, hx_io *io, int timeout_seconds, int reply_descriptor);
 

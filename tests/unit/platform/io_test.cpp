@@ -9,6 +9,7 @@
 
 #include "platform/host/io.h"
 #include "platform/host/reply_mark.h"
+#include "platform/host/root.h"
 #include "platform/include/hxservice.h"
 #include "support/environment.h"
 #include "support/private_root.h"
@@ -27,9 +28,12 @@ TEST(Root, IsTheEnvironmentsReadOnce) {
   EXPECT_EQ(hx_root(), private_root());
 }
 
-// In a process that has not asked yet, so before any other test could: the value is read at the first call only.
 TEST(Root, HasNoSlashAtItsEnd) {
-  EXPECT_FALSE(std::string(hx_root()).ends_with('/'));
+  EXPECT_EQ(host::root_from(nullptr), "");
+  EXPECT_EQ(host::root_from(""), "");
+  EXPECT_EQ(host::root_from("/"), "");
+  EXPECT_EQ(host::root_from("/tmp/box"), "/tmp/box");
+  EXPECT_EQ(host::root_from("/tmp/box//"), "/tmp/box");
 }
 
 TEST(Io, StartsEmptyAndTerminated) {
