@@ -53,6 +53,9 @@ int serve(hx_service &service) {
   try {
     server = std::make_unique<Server>(service.name, service.callback, service.stop_event.get());
     if (!server->listen(service.path)) {
+      const int reason = errno;
+      server.reset();
+      errno = reason;
       return -1;
     }
   } catch (const std::exception &) {
@@ -67,8 +70,12 @@ int serve(hx_service &service) {
     failed = true;
   }
   service.fini.run();
-  errno = failed ? EIO : errno;
-  return failed ? -1 : 0;
+  if (failed) {
+    server.reset();
+    errno = EIO;
+    return -1;
+  }
+  return 0;
 }
 
 }  // namespace
