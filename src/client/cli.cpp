@@ -16,21 +16,26 @@
 namespace dirwell::client {
 namespace {
 
-constexpr std::array commands = {add_list_command, add_session_command};
+constexpr std::array commands = {add_list_command, add_cache_command, add_watch_command, add_session_command};
+
+// Whether the argument is an option of one of the commands that takes a value.
+bool takes_value(const CLI::App &app, const std::string &argument) {
+  if (!argument.starts_with("--")) {
+    return false;  // the library finds folders' and uuids' own names, too
+  }
+  const auto subcommands = app.get_subcommands([](const CLI::App *) { return true; });
+  return std::any_of(subcommands.begin(), subcommands.end(), [&argument](const CLI::App *command) {
+    const CLI::Option *option = command->get_option_no_throw(argument);
+    return (option != nullptr && option->get_items_expected_max() > 0) || takes_value(*command, argument);
+  });
+}
 
 // The option library would take "[a]" for a list of values where an argument may stand repeatedly. Only a folder can be
 // meant there, which keeps its meaning with "./" in front; the values of options are left as they are.
 void protect_folder_names(const CLI::App &app, std::vector<std::string> &arguments) {
-  const auto takes_value = [&app](const std::string &argument) {
-    const auto subcommands = app.get_subcommands([](const CLI::App *) { return true; });
-    return std::any_of(subcommands.begin(), subcommands.end(), [&argument](const CLI::App *command) {
-      const CLI::Option *option = argument.starts_with("--") ? command->get_option_no_throw(argument) : nullptr;
-      return option != nullptr && option->get_items_expected_max() > 0;
-    });
-  };
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     std::string &argument = arguments[i];
-    if (argument.starts_with('[') && argument.ends_with(']') && (i == 0 || !takes_value(arguments[i - 1]))) {
+    if (argument.starts_with('[') && argument.ends_with(']') && (i == 0 || !takes_value(app, arguments[i - 1]))) {
       argument.insert(0, "./");
     }
   }

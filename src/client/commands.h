@@ -27,6 +27,8 @@ struct Context {
 
 // Each adds one subcommand, whose callback does the work while the command line is parsed, and throws a Failure.
 void add_list_command(CLI::App &app, Context &context);
+void add_cache_command(CLI::App &app, Context &context);
+void add_watch_command(CLI::App &app, Context &context);
 void add_session_command(CLI::App &app, Context &context);
 
 }  // namespace dirwell::client

@@ -1,7 +1,7 @@
 // dirwellctl, the client: main() hands the command line to run() (cli.cpp), which finds the command (list_command.cpp,
-// session_command.cpp). A command that asks the service makes a request (request.cpp), posts it (bus_client.cpp over
-// unix_socket.cpp), reads the reply (reply.cpp) and prints it (table.cpp, text.cpp). Where instances and sessions are
-// found stands in instance.cpp and session_files.cpp.
+// cache_command.cpp, watch_command.cpp, session_command.cpp). A command that asks the service makes a request
+// (request.cpp), posts it (bus_client.cpp over unix_socket.cpp), reads the reply (reply.cpp) and prints it (table.cpp,
+// text.cpp). Where instances and sessions are found stands in instance.cpp and session_files.cpp.
 #include <clocale>
 #include <iostream>
 #include <string>

@@ -1,4 +1,4 @@
-// What the service answers to a listing.
+// What the service answers.
 #pragma once
 
 #include <cstdint>
@@ -30,10 +30,20 @@ struct Listing {
   std::vector<Entry> entries;     // one page
   std::vector<Cluster> clusters;  // of the whole listing, in its order
   std::int64_t total = 0;         // entries in the whole listing
+  bool changed = false;           // a kept listing: something has changed in its folders
 };
 
-// Reads a reply. A reply that holds an error is a Failure (refused) with the service's message; what is no listing at
-// all is a Failure (unreachable).
+// A listing that the service now keeps.
+struct CreatedCache {
+  std::string uuid;
+  std::vector<Cluster> clusters;
+  std::int64_t total = 0;
+};
+
+// Each reads a reply. A reply that holds an error is a Failure (refused) with the service's message; what is not the
+// kind of reply at all is a Failure (unreachable).
 Listing read_listing(std::string_view reply);
+CreatedCache read_created(std::string_view reply);
+void read_done(std::string_view reply);  // one that says nothing but that it is done
 
 }  // namespace dirwell::client

@@ -25,6 +25,13 @@ constexpr std::array<TextOption, 8> text_options = {{
     {"lang", &ListOptions::lang},
 }};
 
+using NumberOption = std::pair<const char *, std::optional<std::int64_t> Selection::*>;
+constexpr std::array<NumberOption, 3> number_options = {{
+    {"limit", &Selection::limit},
+    {"offset", &Selection::offset},
+    {"index", &Selection::index},
+}};
+
 json_t *text(const std::string &value) {
   json_t *result = json_stringn(value.data(), value.size());
   if (result == nullptr) {
@@ -47,6 +54,17 @@ JsonRef paths(const ListOptions &options) {
     json_array_append_new(array.get(), item.release());
   }
   return array;
+}
+
+// The request with its selection, as it is sent.
+std::string request_text(JsonRef request, const Selection &selection) {
+  for (const auto &[key, member] : number_options) {
+    if (const std::optional<std::int64_t> &value = selection.*member) {
+      json_object_set_new(request.get(), key, json_integer(*value));
+    }
+  }
+  const std::unique_ptr<char, decltype(&std::free)> dumped(json_dumps(request.get(), JSON_COMPACT), &std::free);
+  return dumped != nullptr ? dumped.get() : std::string();
 }
 
 }  // namespace
@@ -98,14 +116,15 @@ std::string list_request(const ListOptions &options) {
   if (options.recursive) {
     json_object_set_new(request.get(), "recursive", json_true());
   }
-  if (options.limit) {
-    json_object_set_new(request.get(), "limit", json_integer(*options.limit));
+  return request_text(std::move(request), options);
+}
+
+std::string cache_request(const CacheOptions &options) {
+  JsonRef request(json_object());
+  if (options.uuid) {
+    json_object_set_new(request.get(), "uuid", text(*options.uuid));
   }
-  if (options.offset) {
-    json_object_set_new(request.get(), "offset", json_integer(*options.offset));
-  }
-  const std::unique_ptr<char, decltype(&std::free)> dumped(json_dumps(request.get(), JSON_COMPACT), &std::free);
-  return dumped != nullptr ? dumped.get() : std::string();
+  return request_text(std::move(request), options);
 }
 
 }  // namespace dirwell::client

@@ -62,6 +62,10 @@ std::string counted(std::int64_t count) {
   return std::to_string(count) + (count == 1 ? " entry" : " entries");
 }
 
+std::string title(const Cluster &cluster) {
+  return cluster.value.empty() ? "(none)" : display_text(cluster.value);
+}
+
 // Walks through the clusters of a listing alongside its entries.
 class Headings {
  public:
@@ -81,8 +85,7 @@ class Headings {
       return {};
     }
     const Cluster &cluster = clusters_[current_];
-    return (cluster.value.empty() ? "(none)" : display_text(cluster.value)) + ": " + counted(cluster.count) +
-           (place > start_ ? ", continued" : "");
+    return title(cluster) + ": " + counted(cluster.count) + (place > start_ ? ", continued" : "");
   }
 
  private:
@@ -150,6 +153,22 @@ std::string render_listing(const Listing &listing, const ListingLayout &layout) 
     titles = false;
   }
   return result + std::to_string(listing.entries.size()) + " of " + std::to_string(listing.total) + " entries\n";
+}
+
+std::string render_created(const CreatedCache &created, bool clustered, std::size_t width) {
+  std::string result = display_text(created.uuid) + "\n" + counted(created.total) + "\n";
+  if (!clustered) {
+    return result;
+  }
+  std::vector<std::vector<std::string>> rows;
+  rows.reserve(created.clusters.size());
+  for (const Cluster &cluster : created.clusters) {
+    rows.push_back({title(cluster), std::to_string(cluster.count)});
+  }
+  for (const std::string &line : table_lines({{"CLUSTER", false, true}, {"ENTRIES", true}}, rows, width)) {
+    result += line + "\n";
+  }
+  return result;
 }
 
 std::size_t terminal_width() {

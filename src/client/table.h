@@ -31,6 +31,10 @@ struct ListingLayout {
 // The listing as lines of text, each ended by a line feed: the table, and how much of the listing it shows.
 std::string render_listing(const Listing &listing, const ListingLayout &layout);
 
+// What is kept as lines of text: the uuid alone, how many entries, and with `clustered` a table of the clusters, which
+// a terminal of `width` may cut (0: none).
+std::string render_created(const CreatedCache &created, bool clustered, std::size_t width);
+
 // The width of the terminal that standard output is, or 0 when it is none.
 std::size_t terminal_width();
 

@@ -1,64 +1,21 @@
-#include "client/cli.h"
-
-#include <unistd.h>
-
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "client/instance.h"
+#include "command_line.h"
 #include "fake_service.h"
 #include "support/environment.h"
-#include "support/temp_dir.h"
 
 namespace {
 
+using dirwell::test::CommandLine;
+using dirwell::test::empty_listing;
 using dirwell::test::FakeService;
 using dirwell::test::json_reply;
+using dirwell::test::Outcome;
 using dirwell::test::ScopedEnvironment;
 using Arguments = std::vector<std::string>;
-
-const std::string empty_listing =
-    R"({"cluster":[],"uuid":"u","datas":[],"total":0,"changed":false,"error_code":0,"error_message":""})";
-
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-class CommandLine : public testing::Test {
- protected:
-  CommandLine() { folder.mkdir("var/run"); }
-
-  static Outcome run(const Arguments &arguments) {
-    std::ostringstream out;
-    std::ostringstream err;
-    const int status = dirwell::client::run(arguments, out, err);
-    return {status, out.str(), err.str()};
-  }
-
-  // Lists with a service that answers `reply`; gives the body of the request in `request` when there was one.
-  Outcome list(Arguments arguments, const std::string &reply, std::string *request = nullptr) const {
-    FakeService service(dirwell::client::socket_path(folder.path(), "abc"), json_reply(reply));
-    arguments.insert(arguments.begin(), "list");
-    Outcome outcome = run(arguments);
-    if (request != nullptr) {
-      const std::string all = service.request();
-      *request = all.substr(all.find("\r\n\r\n") + 4);
-    }
-    return outcome;
-  }
-
-  [[nodiscard]] std::string session_file(const std::string &sid) const {
-    return folder.path() + "/var/run/dirwell/sessions/" + sid;
-  }
-
-  dirwell::test::TempDir folder;
-  ScopedEnvironment root{"DIRWELL_ROOT", folder.path()};
-  ScopedEnvironment none{"DIRWELL_SID", ""};
-};
 
 TEST_F(CommandLine, TurnsEachOptionIntoItsParameter) {
   struct Row {

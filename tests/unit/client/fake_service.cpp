@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <stdexcept>
@@ -25,9 +26,12 @@ bool is_whole(const std::string &request) {
 
 }  // namespace
 
-FakeService::FakeService(std::string path, std::string reply, Reads reads)
+FakeService::FakeService(const std::string &path, const std::string &reply, Reads reads)
+    : FakeService(path, std::vector<std::string>{reply}, reads) {}
+
+FakeService::FakeService(std::string path, std::vector<std::string> replies, Reads reads)
     : path_(std::move(path)),
-      reply_(std::move(reply)),
+      replies_(std::move(replies)),
       reads_(reads),
       listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)),
       stop_(::eventfd(0, EFD_CLOEXEC)) {
@@ -43,7 +47,7 @@ FakeService::FakeService(std::string path, std::string reply, Reads reads)
 
 FakeService::~FakeService() {
   if (thread_.joinable()) {
-    request();
+    requests();
   }
   ::unlink(path_.c_str());
   ::close(listener_);
@@ -51,9 +55,14 @@ FakeService::~FakeService() {
 }
 
 std::string FakeService::request() {
+  const std::vector<std::string> all = requests();
+  return all.empty() ? std::string() : all.back();
+}
+
+std::vector<std::string> FakeService::requests() {
   ::eventfd_write(stop_, 1);
   thread_.join();
-  return request_;
+  return requests_;
 }
 
 void FakeService::serve() {
@@ -61,18 +70,23 @@ void FakeService::serve() {
     std::array<pollfd, 2> both = {{{descriptor, POLLIN, 0}, {stop_, POLLIN, 0}}};
     return ::poll(both.data(), both.size(), 10'000) > 0 && (both[0].revents & (POLLIN | POLLHUP)) != 0;
   };
+  std::size_t next = 0;
   while (readable(listener_)) {
     const int caller = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     std::array<char, 4096> buffer{};
+    std::string request;
     ssize_t got = 1;
-    while (reads_ == Reads::whole_request && got > 0 && !is_whole(request_) && readable(caller)) {
+    while (reads_ == Reads::whole_request && got > 0 && !is_whole(request) && readable(caller)) {
       got = ::recv(caller, buffer.data(), buffer.size(), 0);
-      request_.append(buffer.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
+      request.append(buffer.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
     }
+    const std::string &reply = replies_[next];
     if (got > 0) {
-      ::send(caller, reply_.data(), reply_.size(), MSG_NOSIGNAL);
+      requests_.push_back(std::move(request));
+      next = std::min(next + 1, replies_.size() - 1);
+      ::send(caller, reply.data(), reply.size(), MSG_NOSIGNAL);
     }
-    if (reply_.empty()) {
+    if (reply.empty()) {
       readable(-1);  // silent, until the end
     }
     ::close(caller);
@@ -86,6 +100,10 @@ std::string http_reply(const std::string &status, const std::string &type, const
 
 std::string json_reply(const std::string &body) {
   return http_reply("200 OK", "application/json; charset=utf-8", body);
+}
+
+std::string body_of(const std::string &request) {
+  return request.substr(request.find("\r\n\r\n") + 4);
 }
 
 }  // namespace dirwell::test

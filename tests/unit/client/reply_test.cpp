@@ -7,9 +7,12 @@
 
 namespace {
 
+using dirwell::client::CreatedCache;
 using dirwell::client::Entry;
 using dirwell::client::Failure;
 using dirwell::client::Listing;
+using dirwell::client::read_created;
+using dirwell::client::read_done;
 using dirwell::client::read_listing;
 using dirwell::client::Status;
 
@@ -52,6 +55,18 @@ struct Wrong {
   std::string message;
 };
 
+template <typename Reader>
+void expect_failure(Reader read, const Wrong &wrong) {
+  SCOPED_TRACE(wrong.reply);
+  try {
+    read(wrong.reply);
+    ADD_FAILURE() << "no failure";
+  } catch (const Failure &failure) {
+    EXPECT_EQ(failure.status(), wrong.status);
+    EXPECT_EQ(failure.what(), wrong.message);
+  }
+}
+
 TEST(Reply, FailsWithTheServicesMessageOrForWantOfAListing) {
   const std::vector<Wrong> rows = {
       {R"({"error_code":2,"error_message":"invalid sort"})", Status::refused,
@@ -65,15 +80,39 @@ TEST(Reply, FailsWithTheServicesMessageOrForWantOfAListing) {
       {R"({"error_code":0,"datas":{}})", Status::unreachable, "the answer holds no listing"},
   };
   for (const Wrong &row : rows) {
-    SCOPED_TRACE(row.reply);
-    try {
-      read_listing(row.reply);
-      ADD_FAILURE() << "no failure";
-    } catch (const Failure &failure) {
-      EXPECT_EQ(failure.status(), row.status);
-      EXPECT_EQ(failure.what(), row.message);
-    }
+    expect_failure(read_listing, row);
   }
+}
+
+TEST(Reply, SaysWhetherAKeptListingHasChanged) {
+  EXPECT_TRUE(read_listing(R"({"datas":[],"changed":true,"error_code":0})").changed);
+  for (const char *reply : {R"({"datas":[],"changed":false,"error_code":0})", R"({"datas":[],"error_code":0})",
+                            R"({"datas":[],"changed":"true","error_code":0})"}) {
+    EXPECT_FALSE(read_listing(reply).changed) << reply;
+  }
+}
+
+TEST(Reply, NamesTheListingThatIsKept) {
+  const CreatedCache created = read_created(
+      R"({"cluster":[{"value":"txt","count":2},{"value":"","count":1}],"uuid":"u","total":3,"error_code":0})");
+  EXPECT_EQ(created.uuid, "u");
+  EXPECT_EQ(created.total, 3);
+  ASSERT_EQ(created.clusters.size(), 2U);
+  EXPECT_EQ(created.clusters[0].value, "txt");
+  EXPECT_EQ(created.clusters[0].count, 2);
+  EXPECT_EQ(created.clusters[1].value, "");
+  expect_failure(read_created, {R"({"error_code":3,"error_message":"cache failure"})", Status::refused,
+                                "the service says: cache failure (error 3)"});
+  for (const char *reply : {R"({"error_code":0,"error_message":""})", R"({"uuid":5,"error_code":0})"}) {
+    expect_failure(read_created, {reply, Status::unreachable, "the answer names no cache"});
+  }
+}
+
+TEST(Reply, MaySayNothingButThatItIsDone) {
+  EXPECT_NO_THROW(read_done(R"({"error_code":0,"error_message":""})"));
+  expect_failure(read_done, {R"({"error_code":3,"error_message":"uuid not found"})", Status::refused,
+                             "the service says: uuid not found (error 3)"});
+  expect_failure(read_done, {"{}", Status::unreachable, "the answer is none of this service"});
 }
 
 TEST(Reply, BearsMembersOfOtherTypes) {

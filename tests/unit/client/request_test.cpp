@@ -12,6 +12,8 @@
 namespace {
 
 using dirwell::client::absolute_folder;
+using dirwell::client::cache_request;
+using dirwell::client::CacheOptions;
 using dirwell::client::default_alias;
 using dirwell::client::Failure;
 using dirwell::client::list_request;
@@ -52,6 +54,7 @@ TEST(ListRequest, SaysWhatIsGivenAndNothingElse) {
       {options([](ListOptions &o) { o.lang = "GER"; }), R"(,"lang":"GER")"},
       {options([](ListOptions &o) { o.limit = 60; }), R"(,"limit":60)"},
       {options([](ListOptions &o) { o.offset = -1; }), R"(,"offset":-1)"},
+      {options([](ListOptions &o) { o.index = 2; }), R"(,"index":2)"},
       {options([](ListOptions &o) { o.limit = 9'000'000'000; }), R"(,"limit":9000000000)"},
   };
   for (const Row &row : rows) {
@@ -82,6 +85,19 @@ TEST(ListRequest, RefusesTextsThatARequestCannotCarry) {
   EXPECT_EQ(failure_of(options([](ListOptions &o) { o.dates = {"\xFF"}; })), Status::usage);
   EXPECT_EQ(failure_of(options([](ListOptions &o) { o.aliases = {"/one", "/two"}; })), Status::usage);
   EXPECT_EQ(failure_of(options([](ListOptions &o) { o.name = "\xC3\xA9"; })), Status::success);
+}
+
+TEST(CacheRequest, SaysWhatIsGivenAndNothingElse) {
+  CacheOptions options;
+  EXPECT_EQ(cache_request(options), "{}");
+  options.index = -2;
+  EXPECT_EQ(cache_request(options), R"({"index":-2})");
+  options.uuid = "";
+  options.limit = 50;
+  options.offset = 0;
+  EXPECT_EQ(cache_request(options), R"({"uuid":"","limit":50,"offset":0,"index":-2})");
+  options.uuid = "\xFF";
+  EXPECT_THROW(cache_request(options), Failure);
 }
 
 TEST(AbsoluteFolder, LooksFromTheCurrentFolder) {

@@ -11,6 +11,7 @@ using dirwell::client::Column;
 using dirwell::client::Entry;
 using dirwell::client::Listing;
 using dirwell::client::ListingLayout;
+using dirwell::client::render_created;
 using dirwell::client::render_listing;
 using dirwell::client::table_lines;
 
@@ -162,6 +163,20 @@ TEST_F(Table, LeavesRoomForTheIndentOnANarrowTerminal) {
     EXPECT_LE(text.find('\n', start) - start, 100U);
   }
   EXPECT_THAT(text, testing::HasSubstr("xxxx   10 file"));
+}
+
+TEST_F(Table, NamesAKeptListingAndItsClusters) {
+  EXPECT_EQ(render_created({"the-uuid", {{"", 1}}, 1}, false, 0), "the-uuid\n1 entry\n");
+  EXPECT_EQ(render_created({"the-uuid", {}, 0}, true, 0), "the-uuid\n0 entries\n");
+  EXPECT_EQ(render_created({"u", {{"txt", 60}, {"", 5}, {"a\n\xE6\x97\xA5", 100}}, 165}, true, 0),
+            "u\n"
+            "165 entries\n"
+            "CLUSTER ENTRIES\n"
+            "txt          60\n"
+            "(none)        5\n"
+            "a\\n\xE6\x97\xA5      100\n");
+  EXPECT_EQ(render_created({"u", {{std::string(40, 'x'), 1}}, 1}, true, 20),
+            "u\n1 entry\nCLUSTER      ENTRIES\n" + std::string(12, 'x') + "       1\n");
 }
 
 }  // namespace
