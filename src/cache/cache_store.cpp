@@ -4,6 +4,7 @@
 
 #include <chrono>
 
+#include "cache/plain_files.h"
 #include "cache/statement.h"
 #include "service/log.h"
 #include "service/session.h"
@@ -21,6 +22,11 @@ constexpr const char *schema =
     "DEFAULT '', alias TEXT NOT NULL DEFAULT '' ); DROP TABLE IF EXISTS entry; CREATE TABLE IF NOT EXISTS entry ( path "
     "INT NOT NULL DEFAULT 0, name TEXT NOT NULL DEFAULT '', stat BLOB NOT NULL DEFAULT '', cluster TEXT NOT NULL "
     "DEFAULT '' );";
+
+// How SQLite records the table that holds the paths.
+constexpr std::string_view recorded_cache_table =
+    "CREATE TABLE cache ( uuid TEXT NOT NULL DEFAULT '', path TEXT NOT NULL DEFAULT '', alias TEXT NOT NULL DEFAULT '' "
+    ")";
 
 constexpr int open_existing = SQLITE_OPEN_READWRITE;
 constexpr int open_fresh = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
@@ -115,6 +121,7 @@ void CacheStore::open(bool fresh) {
       ::unlink(name.c_str());
     }
   }
+  open_plain_files_only();
   if (sqlite3_open_v2(name.c_str(), &db, fresh ? open_fresh : open_existing, nullptr) != SQLITE_OK) {
     // SQLite hands out a handle that can only tell the error; every use of it would be a misuse.
     sqlite3_close(db);
@@ -178,6 +185,15 @@ void CacheStore::clear() {
   begin();
   execute("DELETE FROM cache; DELETE FROM entry;");
   commit();
+}
+
+bool CacheStore::holdsOwnTable() {
+  const TimeLimit limit(db, longest_path_reading);
+  Statement statement(db,
+                      "SELECT count(*), sum(type = 'table' AND name = 'cache' AND sql = @sql) FROM sqlite_master WHERE "
+                      "name = 'cache' COLLATE NOCASE");
+  statement.bind(statement.parameter("@sql"), recorded_cache_table);
+  return statement.step() == SQLITE_ROW && statement.number(0) == 1 && statement.number(1) == 1;
 }
 
 std::vector<std::string> CacheStore::cachedPaths() {

@@ -60,6 +60,10 @@ class CacheStore {
   // [{"value": cluster key, "count": entries with it}, ...] in the order of each cluster's first entry. Never null.
   JsonRef clusterSummary();
 
+  // Whether the table of the paths is one that resetSchema() made. Of another make, a virtual table or one with columns
+  // that are computed, even reading it may cost any amount of time that no limit stops. False on failure.
+  bool holdsOwnTable();
+
   // Every folder of the listing in row order, the placeholder's empty text included. Stops, with what it has, after
   // 2 seconds, 200,000 paths or 64 MiB of them, since the file may be anybody's.
   std::vector<std::string> cachedPaths();
