@@ -8,7 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "client/bus_client.h"
 #include "client/cache_follow.h"
 #include "client/commands.h"
 #include "client/options.h"
@@ -28,11 +27,7 @@ using CreateOptions = Options<ListOptions>;
 using FetchOptions = Options<CacheOptions>;
 
 void create(const Context &context, const CreateOptions &options) {
-  const std::string reply = call(context.instance(), "create.cache", list_request(options.request));
-  if (options.json) {
-    context.out << reply << '\n';
-  }
-  const CreatedCache created = read_created(reply);
+  const CreatedCache created = read_created(context.reply("create.cache", list_request(options.request), options.json));
   if (!options.json) {
     context.out << render_created(created, options.request.cluster.has_value(), terminal_width());
   }
@@ -48,11 +43,7 @@ bool from_several_folders(const std::vector<Entry> &entries) {
 }
 
 void fetch(const Context &context, const FetchOptions &options) {
-  const std::string reply = call(context.instance(), "fetch.cache", cache_request(options.request));
-  if (options.json) {
-    context.out << reply << '\n';
-  }
-  const Listing listing = read_listing(reply);
+  const Listing listing = read_listing(context.reply("fetch.cache", cache_request(options.request), options.json));
   if (!options.json) {
     ListingLayout layout;
     layout.width = terminal_width();
@@ -103,7 +94,7 @@ void add_cache_command(CLI::App &app, Context &context) {
 
   const auto deleted = std::make_shared<CacheOptions>();
   add_subcommand(*cache, "delete", "Forget a cache", *deleted).callback([&context, deleted] {
-    read_done(call(context.instance(), "delete.cache", cache_request(*deleted)));
+    read_done(context.reply("delete.cache", cache_request(*deleted)));
   });
 }
 

@@ -57,6 +57,14 @@ Instance Context::instance() const {
   return {sid, socket_path(where, sid), std::chrono::seconds(timeout_seconds)};
 }
 
+std::string Context::reply(std::string_view endpoint, const std::string &request, bool json) const {
+  std::string text = call(instance(), endpoint, request);
+  if (json) {
+    out << text << '\n';
+  }
+  return text;
+}
+
 int run(std::vector<std::string> arguments, std::ostream &out, std::ostream &err) {
   Context context(out);
   CLI::App app("Speaks to a running dirwell: lists folders and keeps login sessions.", "dirwellctl");

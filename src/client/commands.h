@@ -5,6 +5,7 @@
 #include <chrono>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 #include "client/bus_client.h"
 
@@ -23,6 +24,8 @@ struct Context {
   [[nodiscard]] std::string root() const;
   // The instance that the command speaks to; a Failure when none can be told.
   [[nodiscard]] Instance instance() const;
+  // The instance's reply to a request, which with `json` is printed as it came, before anyone looks for an error in it.
+  [[nodiscard]] std::string reply(std::string_view endpoint, const std::string &request, bool json = false) const;
 };
 
 // Each adds one subcommand, whose callback does the work while the command line is parsed, and throws a Failure.

@@ -3,7 +3,6 @@
 #include <memory>
 #include <ostream>
 
-#include "client/bus_client.h"
 #include "client/commands.h"
 #include "client/options.h"
 #include "client/reply.h"
@@ -19,11 +18,8 @@ struct Options {
 };
 
 void list(const Context &context, const Options &options) {
-  const std::string request = list_request(options.listing);
-  const std::string reply = call(context.instance(), "fetch.resource", request);
+  const Listing listing = read_listing(context.reply("fetch.resource", list_request(options.listing), options.json));
   if (options.json) {
-    context.out << reply << '\n';
-    read_listing(reply);  // an error in the reply is the command's, too
     return;
   }
   ListingLayout layout;
@@ -31,7 +27,7 @@ void list(const Context &context, const Options &options) {
   layout.offset = options.listing.offset.value_or(0);
   layout.clustered = options.listing.cluster.has_value();
   layout.paths = options.listing.recursive || options.listing.folders.size() > 1;
-  context.out << render_listing(read_listing(reply), layout);
+  context.out << render_listing(listing, layout);
 }
 
 }  // namespace

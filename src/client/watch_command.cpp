@@ -2,7 +2,6 @@
 #include <CLI/Option.hpp>
 #include <memory>
 
-#include "client/bus_client.h"
 #include "client/commands.h"
 #include "client/options.h"
 #include "client/reply.h"
@@ -17,7 +16,7 @@ void add_watch_command(CLI::App &app, Context &context) {
       "known: they no longer count.");
   const auto options = std::make_shared<CacheOptions>();
   add_index_option(*command, *options);
-  command->callback([&context, options] { read_done(call(context.instance(), "watch", cache_request(*options))); });
+  command->callback([&context, options] { read_done(context.reply("watch", cache_request(*options))); });
 }
 
 }  // namespace dirwell::client

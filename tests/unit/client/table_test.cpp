@@ -174,7 +174,7 @@ TEST_F(Table, NamesAKeptListingAndItsClusters) {
             "CLUSTER ENTRIES\n"
             "txt          60\n"
             "(none)        5\n"
-            "a\\n\xE6\x97\xA5      100\n");
+            "a\\n\xE6\x97\xA5       100\n");
   EXPECT_EQ(render_created({"u", {{std::string(40, 'x'), 1}}, 1}, true, 20),
             "u\n1 entry\nCLUSTER      ENTRIES\n" + std::string(12, 'x') + "       1\n");
 }
