@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,6 +46,8 @@ void run_request(hx_request *request, hx_rest_handler handler, hx_io *io, json_t
   if (!Session::instance().seteuser(false)) {
     ::_exit(1);
   }
+  // A time zone that changed after the daemon's start holds for the whole request.
+  ::tzset();
   const JsonRef object = build_request_object(io, parameters);
   handler(request, io, object.get(), descriptor);
 }

@@ -15,12 +15,12 @@ namespace dirwell {
 // Describes the entries of one request, in listing order. One thread; always held by a std::shared_ptr.
 class Formatter {
  public:
-  virtual ~Formatter() = default;
   // A new JSON object with one reference, owned by the caller. Never fails as a whole: a probe that fails leaves its
   // key at its default.
   virtual json_t *format(const ResourceEntry &entry) = 0;
   // Adds the machine-wide settings to `object`; the base adds none.
   virtual void formatSettings(json_t *object);
+  virtual ~Formatter() = default;
 };
 
 // The type index must stand before the first entry is described (buildTypeIndex).

@@ -20,7 +20,8 @@ TEST(LegacyFormatterH265, ProbesVideosOnNoShareAndOnOrdinaryShares) {
   const struct {
     int type;
     int answer;
-  } rows[] = {{0, 1}, {1, 0}, {2, 0}, {3, 1}, {7, 1}, {8, 0}, {9, 1}, {12, 1}, {-1, 1}};
+  } rows[] = {{-1, 1}, {0, 1}, {1, 0}, {2, 0},  {3, 1},  {4, 1},  {5, 1}, {6, 1},
+              {7, 1},  {8, 0}, {9, 1}, {10, 1}, {11, 1}, {12, 1}, {16, 1}};
   for (const auto &row : rows) {
     const ScopedShares shares({{folder.path(), row.type}});
     const ScopedTool tool(ffmpeg, "", hevc);
@@ -98,6 +99,21 @@ TEST(LegacyFormatterTranscodes, CountsAsTranscodedWithAllSixOrByTheMediaLibrary)
   EXPECT_EQ(integerOf(object, "trans"), 1);
   EXPECT_EQ(integerOf(object, "mp4_720"), 0);
   EXPECT_EQ(integerOf(object, "mp4_org"), 1);
+}
+
+TEST(LegacyFormatterTranscodes, AskTheMediaLibraryByTheFullPath) {
+  const ScopedTool tool(ffmpeg, "", "");
+  const PlacedDir folder;
+  folder.write("sub/clip.mkv");
+  const auto trans = [&folder] { return integerOf(described(entryBelow(folder.path(), "/sub", "clip.mkv")), "trans"); };
+  {
+    const ScopedConfig config("etc/config/host-platform.conf",
+                              "[MEDIA]\ntranscoded = " + folder.path() + "/clip.mkv\n");
+    EXPECT_EQ(trans(), 0);
+  }
+  const ScopedConfig config("etc/config/host-platform.conf",
+                            "[MEDIA]\ntranscoded = " + folder.path() + "/sub/clip.mkv\n");
+  EXPECT_EQ(trans(), 1);
 }
 
 TEST(LegacyFormatterTranscodes, AreForVideosAlone) {

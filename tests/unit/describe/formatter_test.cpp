@@ -398,6 +398,14 @@ TEST(LegacyFormatter, IdentifiesTheSnapshotOfSnapshotPlaces) {
   }
 }
 
+TEST(LegacyFormatter, LooksASnapshotUpByTheFullPath) {
+  const ScopedConfig config("etc/config/host-platform.conf",
+                            "[SNAPSHOT /no/such/folder]\nvolume = 1\nid = 1\nmount = /m\n"
+                            "[SNAPSHOT /no/such/folder/sub/a.txt]\nvolume = 2\nid = 2\nmount = /m\n");
+  EXPECT_EQ(integerOf(described(shownIn("/snapshot:17", "/sub")), "snapshot_id"), 2);
+  EXPECT_EQ(integerOf(described(shownIn("/snapshot:17")), "snapshot_id"), 1);
+}
+
 TEST(LegacyFormatter, LeavesTheSnapshotKeysOutElsewhere) {
   const ScopedConfig config("etc/config/host-platform.conf", snapshots);
   for (const char *display : {"/Pub", "/mnt/snapshot/17", "/remote:1", "/a/snapshot:17", ""}) {

@@ -1,8 +1,14 @@
 #include "entry/names.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <string>
+
+#include "support/environment.h"
+#include "support/temp_dir.h"
 
 namespace dirwell {
 namespace {
@@ -44,6 +50,25 @@ TEST(Names, AreRememberedAndStayWhereTheyAre) {
   EXPECT_EQ(&groupName(owned_by(0, 0)), group);
   EXPECT_EQ(*owner, "root");
   EXPECT_EQ(*group, "root");
+}
+
+// In a mount namespace of its own, whose account files the test writes.
+TEST(Names, OfRecordsBeyondTheirBufferAreThreeDashes) {
+  const test::TempDir folder;
+  const std::string accounts = folder.write(
+      "passwd", "short:x:71001:71001::/:/bin/sh\nlong:x:71002:71002:" + std::string(1100, 'x') + ":/:/bin/sh\n");
+  const std::string groups = folder.write("group", "few:x:71001:a,b\nmany:x:71002:" + std::string(1100, 'm') + "\n");
+  EXPECT_EQ(test::in_child([&] {
+              if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                  ::mount(accounts.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0 ||
+                  ::mount(groups.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
+                ::_exit(2);
+              }
+              const bool fitting = ownerName(owned_by(71001, 0)) == "short" && groupName(owned_by(0, 71001)) == "few";
+              const bool too_long = ownerName(owned_by(71002, 0)) == "---" && groupName(owned_by(0, 71002)) == "---";
+              ::_exit(fitting && too_long ? 0 : 1);
+            }),
+            0);
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 // What a listing request is refused for, each with its own message.
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <string>
 #include <utility>
@@ -7,6 +10,8 @@
 
 #include "listing/resource_query.h"
 #include "query_support.h"
+#include "support/environment.h"
+#include "support/temp_dir.h"
 
 namespace dirwell {
 namespace {
@@ -152,6 +157,26 @@ TEST(QueryRefusal, RefusesOwnersAndGroupsThatTheMachineDoesNotKnow) {
       {R"("group": "root\u0000x")", "invalid group"},
       {R"("group": "root")", "0"},
   });
+}
+
+// In a mount namespace of its own, whose account files the test writes.
+TEST(QueryRefusal, RefusesOwnersAndGroupsWhoseRecordsExceedTheirBuffer) {
+  const test::TempDir folder;
+  const std::string accounts = folder.write(
+      "passwd", "short:x:71001:71001::/:/bin/sh\nlong:x:71002:71002:" + std::string(1100, 'x') + ":/:/bin/sh\n");
+  const std::string groups = folder.write("group", "few:x:71001:a,b\nmany:x:71002:" + std::string(1100, 'm') + "\n");
+  EXPECT_EQ(test::in_child([&] {
+              if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                  ::mount(accounts.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0 ||
+                  ::mount(groups.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
+                ::_exit(2);
+              }
+              const bool right = refusal_of(parse_members(R"("owner": "short", "group": "few")")) == "0" &&
+                                 refusal_of(parse_members(R"("owner": "long")")) == "invalid owner" &&
+                                 refusal_of(parse_members(R"("group": "many")")) == "invalid group";
+              ::_exit(right ? 0 : 1);
+            }),
+            0);
 }
 
 TEST(QueryRefusal, RefusesBadOrders) {

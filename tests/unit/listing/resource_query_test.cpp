@@ -166,6 +166,7 @@ TEST(ResourceQuery, TurnsEachTypeIntoItsFilter) {
       {"folder", named("a", S_IFDIR | 0755)},
       {"link", named("a.x", S_IFLNK | 0777)},
       {"fifo", named("a.x", S_IFIFO | 0644)},
+      {"accented", named("a.é", S_IFIFO | 0644)},
   };
   const std::vector<Row> rows = {
       {"music", "song "},
@@ -179,6 +180,7 @@ TEST(ResourceQuery, TurnsEachTypeIntoItsFilter) {
       {"extname:mp3", ""},
       {"extname:MP3", "song "},
       {"extname", "bare folder "},
+      {"extname:é", "accented "},
   };
   for (const Row &row : rows) {
     const Parsed parsed = parse_members(R"("type": ")"s + row.type + '"');
