@@ -223,11 +223,30 @@ def leftovers_of_dev():
     return sorted(folder.iterdir()) if folder.exists() else []
 
 
+def shows_a_cache(commands):
+    """Commands below their lines: a create, two pages, a change, the stale flag, the delete."""
+    create, first, second, follow, again, delete = (command.splitlines() for command in commands)
+    uuid = create[1]
+    assert create[0].startswith("dirwellctl cache create ") and re.fullmatch("[0-9a-f-]{36}", uuid)
+    assert create[2] == "60 entries" and create[-1].split() == ["txt", "60"]
+    assert first[0] == f"dirwellctl cache fetch {uuid} --limit 50"
+    assert [line.split("  ")[0] for line in (first[2], first[51])] == ["note 1.txt", "note 50.txt"]
+    assert first[52:] == ["50 of 60 entries", "no change was seen"]
+    assert second[0] == f"{first[0]} --offset 50"
+    assert [line.split("  ")[0] for line in (second[2], second[11])] == ["note 51.txt", "note 60.txt"]
+    assert second[12:] == ["10 of 60 entries", "no change was seen"]
+    assert follow[0].startswith(f"dirwellctl cache follow {uuid} & touch ")
+    assert follow[1:] == ["stale: the folders have changed"]
+    assert again == [*second[:-1], "stale: the folders have changed"]
+    assert delete == [f"dirwellctl cache delete {uuid}"]
+
+
 def test_dev_run_lists_its_sample_and_leaves_nothing():
     before = leftovers_of_dev()
     result = subprocess.run([str(TOP / "dev"), "run"], capture_output=True, text=True, timeout=600, cwd="/tmp")
     assert result.returncode == 0, result.stderr
-    table = result.stdout[result.stdout.index("\n  NAME ") + 1:]
+    listing, *demonstrated = result.stdout.split("\n\n$ ")
+    table = listing[listing.index("\n  NAME ") + 1:] + "\n"
     names = [line[2:].split("  ")[0].rstrip() for line in table.splitlines()[1:-1] if line.startswith("  ")]
     headings = [line for line in table.splitlines() if not line.startswith(" ")]
     for name in ("Élan", "link to a folder", ".profile", "clip h265.mp4", "日本語.txt", ".@__thumb"):
@@ -238,6 +257,7 @@ def test_dev_run_lists_its_sample_and_leaves_nothing():
     assert order == sorted(order)
     assert re.search(r"^  clip h265\.mp4 .* h265$", table, re.MULTILINE)
     assert not re.search(r"^  clip h264\.mkv .* h265$", table, re.MULTILINE)
+    shows_a_cache(demonstrated)
     assert leftovers_of_dev() == before
 
 
@@ -246,6 +266,7 @@ def test_dev_run_lists_a_folder_given_from_anywhere():
     result = subprocess.run([str(TOP / "dev"), "run", "tests/system/harness"], capture_output=True, text=True,
                             timeout=600, cwd=TOP)
     assert result.returncode == 0, result.stderr
+    assert "cache create" not in result.stdout  # what is kept would have to change the folder to go stale
     assert "bus.py" in result.stdout and "instance.py" in result.stdout and "tree.py" in result.stdout
     assert leftovers_of_dev() == before
 
