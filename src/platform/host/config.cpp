@@ -177,8 +177,9 @@ int Get_Private_Profile_String(const char *section, const char *key, const char 
     value = config->value(section, key).value_or(value);
   }
   const std::size_t length = std::min(value.size(), static_cast<std::size_t>(size) - 1);
-  // The fallback may be the buffer itself.
-  std::memmove(buffer, value.data(), length);
+  if (length > 0) {                              // an empty value has no bytes to point to
+    std::memmove(buffer, value.data(), length);  // the fallback may be the buffer itself
+  }
   buffer[length] = '\0';
   return static_cast<int>(length);
 }
