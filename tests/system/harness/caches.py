@@ -78,6 +78,10 @@ def database(instance, index=1):
     return instance.volume / ".fs" / f"{instance.sid}.{index}"
 
 
+def cache_files(instance):
+    return sorted(path.name for path in (instance.volume / ".fs").iterdir())
+
+
 @contextlib.contextmanager
 def opened(path):
     """An independent reader and writer of a database file; each statement stands for itself."""
