@@ -17,8 +17,8 @@ std::string displayPath(const ResourceEntry &entry);       // displayDirectory, 
 std::string directoryPath(const ResourceEntry &entry);     // directory, subPath
 std::string virtualDirectory(const ResourceEntry &entry);  // displayDirectory, subPath
 
-// Whether `directory` joined with `name` exists; links are followed when `follow` is 1. Fills `path.stat` on success and
-// leaves it alone on failure. Returns 1 or 0.
+// Whether `directory` joined with `name` exists; links are followed when `follow` is 1. Fills `path.stat` on success
+// and leaves it alone on failure. Returns 1 or 0.
 int pathExists(ResourceEntry &path, int follow);
 
 }  // namespace dirwell

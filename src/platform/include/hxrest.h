@@ -15,7 +15,8 @@ extern "C" {
 
 typedef struct hx_rest hx_rest;
 
-/* Answers one request. `request_object` is borrowed; the handler writes its reply to `descriptor` and ends it with hx_reply. */
+/* Answers one request. `request_object` is borrowed; the handler writes its reply to `descriptor` and ends it with
+ * hx_reply. */
 typedef void (*hx_rest_handler)(hx_request *request, hx_io *io, json_t *request_object, int descriptor);
 
 /*

@@ -19,8 +19,8 @@ typedef struct hx_request hx_request; /* the context of one incoming request; li
 
 /*
  * The directory that stands in front of every fixed path which the daemon or the platform opens (configuration files,
- * pid file, socket, session records, programs). Empty where there is none; never NULL; never ends in '/'. The text lives
- * as long as the process and is read from the environment once, at the first call. Any thread, any process.
+ * pid file, socket, session records, programs). Empty where there is none; never NULL; never ends in '/'. The text
+ * lives as long as the process and is read from the environment once, at the first call. Any thread, any process.
  */
 const char *hx_root(void);
 
@@ -28,10 +28,10 @@ const char *hx_root(void);
 
 /*
  * Called on the worker thread for each incoming request. The callee owns `io` and `descriptor`: it frees the one and
- * closes the other, or passes both on. `descriptor` is a connected socket that takes a CGI-style response: header lines,
- * an empty line, the body. The worker itself reads its other end, so a response that is written on the worker, within
- * the callback, must fit into a socket (64 KiB always do); longer ones are written by other threads or processes. A
- * process that the callback forks holds this one socket of the bus and no other.
+ * closes the other, or passes both on. `descriptor` is a connected socket that takes a CGI-style response: header
+ * lines, an empty line, the body. The worker itself reads its other end, so a response that is written on the worker,
+ * within the callback, must fit into a socket (64 KiB always do); longer ones are written by other threads or
+ * processes. A process that the callback forks holds this one socket of the bus and no other.
  */
 typedef void (*hx_request_callback)(hx_request *request, hx_io *io, int descriptor);
 typedef void (*hx_worker_hook)(void *argument);
@@ -41,7 +41,8 @@ typedef void (*hx_signal_handler)(int signal_number);
  * Creates a service named `name` that hands its requests to `callback`. `backlog_class` and `workers` are the bus's own
  * tuning values; the host platform runs exactly one worker whatever they say. Nothing listens before hx_start.
  * Returns NULL with errno set on failure: ENAMETOOLONG when the socket's path exceeds what the kernel can hold, EINVAL
- * when the name is empty or holds a '/'. From here on SIGPIPE is ignored: a write to a client that has gone is an error.
+ * when the name is empty or holds a '/'. From here on SIGPIPE is ignored: a write to a client that has gone is an
+ * error.
  */
 hx_service *hx_create(const char *name, int backlog_class, int workers, hx_request_callback callback);
 
@@ -79,8 +80,8 @@ void hx_io_free(hx_io *io);
 /* Number of bytes held. */
 size_t hx_io_size(const hx_io *io);
 /*
- * The content from byte `offset` on, always terminated by a NUL beyond the content; "" when `offset` lies beyond the end.
- * The pointer is valid until the object next changes.
+ * The content from byte `offset` on, always terminated by a NUL beyond the content; "" when `offset` lies beyond the
+ * end. The pointer is valid until the object next changes.
  */
 const char *hx_io_read(const hx_io *io, size_t offset);
 /* Appends `size` bytes; returns how many were taken (fewer than `size` only when memory is short). */
@@ -89,15 +90,16 @@ size_t hx_io_write(hx_io *io, const void *data, size_t size);
 int hx_io_realloc(hx_io *io, size_t size);
 /*
  * 1 while the client of the io's request is there (always, for an io without a client), else 0; also after the reply. A
- * client that has shut down its sending side only is there. The request's descriptor must be open. Any thread, also in a
- * forked request process.
+ * client that has shut down its sending side only is there. The request's descriptor must be open. Any thread, also in
+ * a forked request process.
  */
 int hx_io_alive(const hx_io *io);
 /*
- * The reply is complete, whatever the handler does or writes afterwards. Content that the io object holds itself is sent
- * first, as a JSON response: empty it when the reply was written to the descriptor. The descriptor must be open still; it
- * takes no more. Later calls for the same request do nothing, and nothing happens for an io without a client. A handler
- * that ends without this call has replied when what it wrote is whole by its length or its JSON text, or of another type.
+ * The reply is complete, whatever the handler does or writes afterwards. Content that the io object holds itself is
+ * sent first, as a JSON response: empty it when the reply was written to the descriptor. The descriptor must be open
+ * still; it takes no more. Later calls for the same request do nothing, and nothing happens for an io without a client.
+ * A handler that ends without this call has replied when what it wrote is whole by its length or its JSON text, or of
+ * another type.
  */
 void hx_reply(hx_io *io);
 

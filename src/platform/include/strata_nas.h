@@ -20,8 +20,8 @@ typedef struct SMB_Share_Info {
 } SMB_Share_Info;
 
 /*
- * The shares as the configuration file has them now. The list is read again only when the file has changed. Returns NULL
- * when there is no readable list; else a list that the caller gives back with SMB_Free_Share_Info.
+ * The shares as the configuration file has them now. The list is read again only when the file has changed. Returns
+ * NULL when there is no readable list; else a list that the caller gives back with SMB_Free_Share_Info.
  */
 const SMB_Share_Info *SMB_Get_Share_Info(void);
 /* Gives a list back; NULL is allowed. */
