@@ -91,7 +91,7 @@ def test_a_stop_keeps_the_caches_of_live_sessions_alone(caching, number):
 @pytest.mark.parametrize("level, tags", [("6", "EIII"), ("5", "E"), ("2", ""), ("7", "EIDIDI")])
 def test_the_level_decides_what_is_told(caching, level, tags):
     caching.start("--level", level, "--sid", caching.sid)
-    made(caching, caching.share)
+    followed(caching, caching.share)  # no job is left that could say something
     make_file(caching.volume / ".fs" / "dead.1")
     caching.stop()
     assert cache_files(caching) == [f"{caching.sid}.1"]
