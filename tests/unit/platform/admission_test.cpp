@@ -126,6 +126,7 @@ TEST_F(AdmissionTest, StrangersTakeNoPlaceAndWaitForNone) {
   const ServiceProcess service(answer, [] { host::limits().connections = 2; });
   EXPECT_TRUE(as_user("nobody", [&] {
     std::vector<Client> strangers;
+    strangers.reserve(200);
     for (int count = 0; count < 200; ++count) {  // more than are listened to after their refusal
       strangers.emplace_back(service);
     }

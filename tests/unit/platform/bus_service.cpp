@@ -291,4 +291,25 @@ bool eventually(const std::function<bool()> &condition, std::chrono::millisecond
   return true;
 }
 
+void echo(hx_request *, hx_io *io, int descriptor) {
+  const std::string text = "[\"" + std::string(hx_io_read(io, 0)) + "\"]";
+  hx_io_realloc(io, 0);
+  hx_io_write(io, text.data(), text.size());
+  hx_reply(io);
+  ::close(descriptor);
+  hx_io_free(io);
+}
+
+void answer_late(hx_request *, hx_io *io, int descriptor) {
+  in_request_process(io, descriptor, [&] {
+    std::this_thread::sleep_for(300ms);
+    write_text(descriptor, std::string(json_head) + "[\"late\"]");
+    hx_reply(io);
+  });
+}
+
+void answer_never(hx_request *, hx_io *io, int descriptor) {
+  in_request_process(io, descriptor, [&] { eventually([&] { return hx_io_alive(io) == 0; }, 20s); });
+}
+
 }  // namespace dirwell::test

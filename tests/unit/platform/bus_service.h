@@ -101,6 +101,12 @@ bool write_text(int descriptor, std::string_view text);
 // Waits for a condition; false when it does not come true in time.
 bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds limit = 5s);
 
+// Handlers for services under test: answers at once, on the worker, with the request text in an array; answers from a
+// request process after 300 ms with ["late"]; never answers, until the client goes.
+void echo(hx_request *request, hx_io *io, int descriptor);
+void answer_late(hx_request *request, hx_io *io, int descriptor);
+void answer_never(hx_request *request, hx_io *io, int descriptor);
+
 // The header that replies of endpoints have.
 inline constexpr std::string_view json_head = "Content-Type: application/json; charset=utf-8\r\n\r\n";
 

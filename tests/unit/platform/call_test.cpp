@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 
 #include "platform/bus_service.h"
@@ -35,7 +36,7 @@ std::string text_of(const Io &io) {
 }
 
 // "/path:body", or what the path names.
-void echo(hx_request *request, hx_io *io, int descriptor) {
+void name_and_body(hx_request *request, hx_io *io, int descriptor) {
   in_request_process(io, descriptor, [&] {
     const std::string path = request->path;
     if (path == "/slow") {
@@ -50,21 +51,21 @@ void echo(hx_request *request, hx_io *io, int descriptor) {
 }
 
 TEST(Call, PostsTheContentAndReadsTheReply) {
-  const ServiceProcess service(echo);
+  const ServiceProcess service(name_and_body);
   const Io io = io_with("{\"index\":1}");
   EXPECT_EQ(hx_call("bus-under-test", "watch", io.get(), 5, -1), 200);
   EXPECT_EQ(text_of(io), "/watch:{\"index\":1}");
 }
 
 TEST(Call, EncodesTheEndpointsName) {
-  const ServiceProcess service(echo);
+  const ServiceProcess service(name_and_body);
   const Io io = io_with("");
   EXPECT_EQ(hx_call("bus-under-test", "fetch.cache x%/?ü", io.get(), 5, -1), 200);
   EXPECT_EQ(text_of(io), "/fetch.cache x%/?ü:");
 }
 
 TEST(Call, GivesTheStatusOfARefusal) {
-  const ServiceProcess service(echo);
+  const ServiceProcess service(name_and_body);
   const Io io = io_with("");
   EXPECT_EQ(hx_call("bus-under-test", "missing", io.get(), 5, -1), 404);
   const Io too_long = io_with(std::string(2'000'000, 'x'));
@@ -73,14 +74,14 @@ TEST(Call, GivesTheStatusOfARefusal) {
 }
 
 TEST(Call, ReadsALargeChunkedReply) {
-  const ServiceProcess service(echo);
+  const ServiceProcess service(name_and_body);
   const Io io = io_with("");
   EXPECT_EQ(hx_call("bus-under-test", "large", io.get(), 5, -1), 200);
   EXPECT_EQ(hx_io_size(io.get()), 10'000'007U);
 }
 
 TEST(Call, RefusesAReplyBeyondItsLimit) {
-  const ServiceProcess service(echo);
+  const ServiceProcess service(name_and_body);
   const Io io = io_with("kept");
   EXPECT_EQ(hx_call("bus-under-test", "too-large", io.get(), 5, -1), -1);
   EXPECT_EQ(errno, EMSGSIZE);
@@ -88,7 +89,7 @@ TEST(Call, RefusesAReplyBeyondItsLimit) {
 }
 
 TEST(Call, WritesTheReplyToADescriptor) {
-  const ServiceProcess service(echo);
+  const ServiceProcess service(name_and_body);
   const Io io = io_with("body");
   std::array<int, 2> ends = {-1, -1};
   ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
@@ -102,7 +103,7 @@ TEST(Call, WritesTheReplyToADescriptor) {
 }
 
 TEST(Call, DoesNotWaitForADescriptorThatNobodyReads) {
-  const ServiceProcess service(echo);
+  const ServiceProcess service(name_and_body);
   const Io io = io_with("");
   std::array<int, 2> ends = {-1, -1};
   ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
@@ -113,7 +114,7 @@ TEST(Call, DoesNotWaitForADescriptorThatNobodyReads) {
 }
 
 TEST(Call, EndsAfterItsTime) {
-  const ServiceProcess service(echo);
+  const ServiceProcess service(name_and_body);
   const Io io = io_with("kept");
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(hx_call("bus-under-test", "slow", io.get(), 1, -1), -1);
@@ -141,8 +142,10 @@ class FakeService {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    ::bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
-    ::listen(listener_, 1);
+    if (::bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
+        ::listen(listener_, 1) != 0) {
+      throw std::runtime_error("cannot listen at " + path_);
+    }
     thread_ = std::thread([this, reply = std::move(reply)] {
       const int client = ::accept(listener_, nullptr, nullptr);
       std::array<char, 4096> request;
@@ -183,7 +186,7 @@ TEST(Call, ReadsAReplyThatEndsWithTheConnection) {
 TEST(Call, WorksFromARequestProcessToItsOwnService) {
   const ServiceProcess service([](hx_request *request, hx_io *io, int descriptor) {
     if (request->path != "/outer") {
-      return echo(request, io, descriptor);
+      return name_and_body(request, io, descriptor);
     }
     in_request_process(io, descriptor, [&] {
       const Io call = io_with("inner body");

@@ -18,7 +18,6 @@
 namespace dirwell::test {
 namespace {
 
-using testing::HasSubstr;
 using testing::StartsWith;
 
 // Words that a request process tells the test through memory they share.

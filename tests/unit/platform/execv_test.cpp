@@ -437,6 +437,7 @@ TEST(Execv, FailsCleanlyWhenDescriptorsAreShort) {
 TEST(Execv, RunsFromManyThreadsAtOnce) {
   std::atomic<int> good = 0;
   std::vector<std::thread> threads;
+  threads.reserve(6);
   for (int count = 0; count < 6; ++count) {
     threads.emplace_back([&good, count] {
       for (int round = 0; round < 10; ++round) {

@@ -60,6 +60,7 @@ void list_descriptors(hx_request *, hx_io *io, int descriptor) {
 TEST(ForkGuard, LeavesARequestProcessNoSocketAndNoWakeUpDescriptorOfTheBus) {
   const ServiceProcess service(list_descriptors);
   std::vector<Client> others;
+  others.reserve(5);
   for (int count = 0; count < 5; ++count) {
     others.emplace_back(service);
   }

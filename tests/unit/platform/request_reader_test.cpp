@@ -139,11 +139,11 @@ TEST(RequestReader, BoundsTheHead) {
   const std::string line = "GET / HTTP/1.1\r\nHost: a\r\nX: ";
   const auto head = [&](std::size_t size) { return line + std::string(size - line.size() - 4, 'x') + "\r\n\r\n"; };
   RequestReader fits;
-  fits.feed(head(16 * 1024));
+  fits.feed(head(16UL * 1024));
   EXPECT_EQ(fits.state(), State::complete);
-  EXPECT_EQ(refusal_of(head(16 * 1024 + 1)), 431);
+  EXPECT_EQ(refusal_of(head(16UL * 1024 + 1)), 431);
   RequestReader in_pieces;
-  feed(in_pieces, head(16 * 1024 + 1), 1000);
+  feed(in_pieces, head(16UL * 1024 + 1), 1000);
   ASSERT_EQ(in_pieces.state(), State::refused);
   EXPECT_EQ(in_pieces.refusal().status, 431);
   EXPECT_EQ(refusal_of("GET /" + std::string(20'000, 'x')), 431);

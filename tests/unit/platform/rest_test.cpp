@@ -123,8 +123,8 @@ TEST(RestTable, TakesEachNameOnce) {
 }
 
 TEST(RestTable, TakesUsageTextsThatASocketHolds) {
-  const std::string fits(64 * 1024, 'u');
-  const std::string exceeds(64 * 1024 + 1, 'u');
+  const std::string fits(64UL * 1024, 'u');
+  const std::string exceeds(64UL * 1024 + 1, 'u');
   hx_rest *own = hx_rest_create();
   EXPECT_EQ(hx_rest_endpoint(own, show, "b", in_place, exceeds.c_str()), -1);
   EXPECT_EQ(errno, EMSGSIZE);
@@ -133,7 +133,7 @@ TEST(RestTable, TakesUsageTextsThatASocketHolds) {
 }
 
 TEST(RestTable, ShowsTheLongestUsage) {
-  static const std::string usage(64 * 1024, 'u');
+  static const std::string usage(64UL * 1024, 'u');
   const ServiceProcess service(dispatch, [] {
     table = hx_rest_create();
     hx_rest_endpoint(table, show, "a", in_place, usage.c_str());

@@ -1,13 +1,9 @@
-// A service as its clients see it: HTTP on a connection, limits of time and number, start and stop.
+// A service as its clients see it: HTTP on a connection, limits of time and number.
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -15,38 +11,11 @@
 #include "platform/bus_service.h"
 #include "platform/host/limits.h"
 #include "platform/include/hxservice.h"
-#include "support/private_root.h"
 
 namespace dirwell::test {
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
-
-// Answers at once with the request text in an array.
-void echo(hx_request *, hx_io *io, int descriptor) {
-  const std::string text = "[\"" + std::string(hx_io_read(io, 0)) + "\"]";
-  hx_io_realloc(io, 0);
-  hx_io_write(io, text.data(), text.size());
-  hx_reply(io);
-  ::close(descriptor);
-  hx_io_free(io);
-}
-
-// Answers from a request process after 300 ms.
-void answer_late(hx_request *, hx_io *io, int descriptor) {
-  in_request_process(io, descriptor, [&] {
-    std::this_thread::sleep_for(300ms);
-    write_text(descriptor, std::string(json_head) + "[\"late\"]");
-    hx_reply(io);
-  });
-}
-
-// Never answers, until the client goes.
-void answer_never(hx_request *, hx_io *io, int descriptor) {
-  in_request_process(io, descriptor, [&] { eventually([&] { return hx_io_alive(io) == 0; }, 20s); });
-}
 
 void expect_problem(const Response &response, int status, const std::string &title) {
   EXPECT_EQ(response.status, status);
@@ -281,6 +250,7 @@ TEST(Server, GivesThePlacesToClientsThatAreStillThere) {
   EXPECT_EQ(served.ask(post("/x")).status, 200);
   {
     std::vector<Client> gone;
+    gone.reserve(30);
     for (int count = 0; count < 30; ++count) {
       gone.emplace_back(service);
     }
@@ -366,173 +336,6 @@ TEST(Server, IsNotKeptBusyByOutOfBandData) {
   const long before = cpu_ticks();
   std::this_thread::sleep_for(500ms);
   EXPECT_LT(cpu_ticks() - before, 10) << "more than 100 ms of 500";
-}
-
-// --- Start and stop ---
-
-TEST(Server, MakesItsFolderAndALeavesNoFile) {
-  std::filesystem::remove_all(private_root() + "/var/run");
-  ServiceProcess service(echo);
-  struct stat status = {};
-  ASSERT_EQ(::stat(service.path().c_str(), &status), 0);
-  EXPECT_TRUE(S_ISSOCK(status.st_mode));
-  EXPECT_EQ(status.st_mode & 07777U, 0666U);
-  service.ask_to_stop();
-  EXPECT_EQ(service.wait(), 0);
-  EXPECT_FALSE(std::filesystem::exists(private_root() + "/var/run/bus-under-test.sock"));
-}
-
-TEST(Server, ReplacesAStaleSocketFile) {
-  std::string path;
-  {
-    ServiceProcess killed(echo);
-    path = killed.path();
-    ::kill(killed.pid(), SIGKILL);
-    EXPECT_EQ(killed.wait(), -1);
-    ASSERT_TRUE(std::filesystem::exists(path));
-    const ServiceProcess service(echo);
-    Client client(service);
-    EXPECT_EQ(client.ask(post("/x")).status, 200);
-  }
-}
-
-int start_here(const std::string &name) {
-  hx_service *service = hx_create(name.c_str(), 2, 1, echo);
-  if (service == nullptr) {
-    return -errno;
-  }
-  hx_stop(service);
-  const int result = hx_start(service) == 0 ? 0 : -errno;
-  hx_free(service);
-  return result;
-}
-
-TEST(Server, LeavesALiveServiceItsSocket) {
-  const ServiceProcess service(echo);
-  EXPECT_EQ(start_here("bus-under-test"), -EADDRINUSE);
-  Client client(service);
-  EXPECT_EQ(client.ask(post("/x")).status, 200);
-}
-
-TEST(Server, LeavesAFileThatIsNoSocket) {
-  const std::string path = write_below_root("var/run/occupied.sock", "precious");
-  EXPECT_EQ(start_here("occupied"), -EADDRINUSE);
-  EXPECT_EQ(std::filesystem::file_size(path), 8U);
-  std::filesystem::remove(path);
-}
-
-TEST(Server, StopsThoughAskedBeforeItsStart) {
-  EXPECT_EQ(start_here("stopped-early"), 0);
-}
-
-TEST(Server, CannotListenAtAPathThatTheKernelCannotHold) {
-  EXPECT_EQ(start_here(std::string(108, 'x')), -ENAMETOOLONG);
-}
-
-TEST(Server, TakesTheLongestPath) {
-  const std::size_t around = private_root().size() + std::string("/var/run/.sock").size();
-  EXPECT_EQ(start_here(std::string(107 - around, 'x')), 0);
-  EXPECT_EQ(start_here(std::string(108 - around, 'x')), -ENAMETOOLONG);
-}
-
-TEST(Server, RefusesANameThatLeavesTheFolder) {
-  EXPECT_EQ(start_here("../x"), -EINVAL);
-  EXPECT_EQ(start_here(""), -EINVAL);
-}
-
-std::string hook_log;
-
-TEST(Server, RunsItsHooksOnTheWorkerAroundTheLoop) {
-  hook_log.clear();
-  hx_service *service = hx_create("hooked", 2, 1, echo);
-  ASSERT_NE(service, nullptr);
-  int argument = 0;
-  hx_worker_init(
-      service,
-      [](void *given) {
-        hook_log += std::filesystem::exists(private_root() + "/var/run/hooked.sock") ? "init " : "not listening ";
-        *static_cast<int *>(given) = 7;
-      },
-      &argument);
-  hx_worker_fini(
-      service, [](void *given) { hook_log += *static_cast<int *>(given) == 7 ? "fini" : "?"; }, &argument);
-  hx_stop(service);
-  EXPECT_EQ(hx_start(service), 0);
-  EXPECT_EQ(hook_log, "init fini");
-  hx_free(service);
-}
-
-TEST(Server, RunsNoHookWhenItCannotListen) {
-  const ServiceProcess live(echo);
-  hook_log.clear();
-  hx_service *service = hx_create("bus-under-test", 2, 1, echo);
-  hx_worker_init(
-      service, [](void *) { hook_log += "init"; }, nullptr);
-  hx_worker_fini(
-      service, [](void *) { hook_log += "fini"; }, nullptr);
-  EXPECT_EQ(hx_start(service), -1);
-  EXPECT_EQ(hook_log, "");
-  hx_free(service);
-}
-
-TEST(Server, StopsFromAnotherThread) {
-  hx_service *service = hx_create("threaded", 2, 1, echo);
-  std::thread stopper([&] {
-    Client client(private_root() + "/var/run/threaded.sock");
-    while (client.socket() < 0) {
-      std::this_thread::sleep_for(5ms);
-      client = Client(private_root() + "/var/run/threaded.sock");
-    }
-    EXPECT_EQ(client.ask(post("/x")).status, 200);
-    hx_stop(service);
-  });
-  EXPECT_EQ(hx_start(service), 0);
-  stopper.join();
-  hx_free(service);
-}
-
-TEST(Server, LetsRequestsInFlightFinishWhenItStops) {
-  ServiceProcess service(answer_late);
-  const std::string path = service.path();
-  Client busy(service);
-  Client idle(service);
-  busy.send(post("/x"));
-  EXPECT_FALSE(busy.readable(100ms));
-  service.ask_to_stop();
-  EXPECT_TRUE(idle.ended(150ms)) << "an idle connection ends at once";
-  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(path); }, 100ms)) << "nobody can connect any more";
-  const Response response = busy.receive();
-  EXPECT_EQ(response.body, "[\"late\"]");
-  EXPECT_EQ(response.fields.at("connection"), "close");
-  EXPECT_TRUE(busy.ended());
-  EXPECT_EQ(service.wait(), 0);
-}
-
-TEST(Server, HangsUpOnRequestsThatDoNotFinishInTime) {
-  ServiceProcess service(answer_never, [] { host::limits().stop = 300ms; });
-  Client client(service);
-  client.send(post("/x"));
-  EXPECT_FALSE(client.readable(100ms));
-  const auto begin = std::chrono::steady_clock::now();
-  service.ask_to_stop();
-  EXPECT_TRUE(client.ended());
-  EXPECT_EQ(service.wait(), 0);
-  const auto taken = std::chrono::steady_clock::now() - begin;
-  EXPECT_GE(taken, 250ms);
-  EXPECT_LT(taken, 1500ms);
-}
-
-TEST(Server, StopsThoughAClientSendsHalfARequestAndAnotherTakesNothing) {
-  ServiceProcess service(echo, [] { host::limits().stop = 300ms; });
-  Client half(service);
-  half.send("POST /x HTTP/1.1\r\n");
-  Client stuck(service);
-  for (int count = 0; count < 40; ++count) {  // answers that nobody reads fill the socket
-    ::send(stuck.socket(), post("/x", std::string(50'000, 'x')).data(), 50'000, MSG_NOSIGNAL | MSG_DONTWAIT);
-  }
-  std::this_thread::sleep_for(50ms);
-  service.ask_to_stop();
-  EXPECT_EQ(service.wait(), 0);
 }
 
 }  // namespace
