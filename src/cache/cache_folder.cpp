@@ -12,6 +12,7 @@
 #include "platform/include/strata_config.h"
 #include "platform/include/strata_nasauth.h"
 #include "service/log.h"
+#include "service/unique_fd.h"
 
 namespace dirwell {
 
@@ -29,6 +30,12 @@ struct CloseFolder {
 bool sessionAlive(const std::string &sid) {
   auth_session record{};
   return auth_get_session_ex(sid.c_str(), 1, &record) == 0;
+}
+
+// The daemon may be root and the volume's top folder writable by others: a link planted in the folder's place must lead
+// nowhere. Invalid when there is no folder of its own.
+UniqueFd openFolder(const std::string &path) {
+  return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 }  // namespace
@@ -55,9 +62,9 @@ void prepareCacheFolder() {
   }
   const std::string folder = cacheFolder(volume);
   ::mkdir(folder.c_str(), open_to_everyone);
-  // The daemon may be root and the volume's top folder writable by others: a link planted there must not open up the
-  // folder that it names.
-  ::fchmodat(AT_FDCWD, folder.c_str(), open_to_everyone, AT_SYMLINK_NOFOLLOW);
+  if (const UniqueFd opened = openFolder(folder); opened.valid()) {
+    ::fchmod(opened.get(), open_to_everyone);
+  }
 }
 
 void cleanCacheFolder() {
@@ -66,10 +73,15 @@ void cleanCacheFolder() {
     return;
   }
   const std::string path = cacheFolder(volume);
-  const std::unique_ptr<DIR, CloseFolder> folder(::opendir(path.c_str()));
+  UniqueFd opened = openFolder(path);
+  if (!opened.valid()) {
+    return;
+  }
+  const std::unique_ptr<DIR, CloseFolder> folder(::fdopendir(opened.get()));
   if (!folder) {
     return;
   }
+  opened.release();  // the stream closes it
   while (const dirent *file = ::readdir(folder.get())) {
     const std::string_view name = file->d_name;
     const std::string sid(name.substr(0, name.find('.')));

@@ -121,7 +121,7 @@ bool NameSorter::compare(const ResourceEntry &a, const ResourceEntry &b) {
     if (prefix_a == hidden_system_prefix || prefix_b == hidden_system_prefix) {
       return prefix_a == hidden_system_prefix;
     }
-    if (a.name.front() != b.name.front()) {
+    if (std::string_view(a.name).substr(0, 1) != std::string_view(b.name).substr(0, 1)) {
       for (const char mark : {'.', '@'}) {
         if (a.name.starts_with(mark) || b.name.starts_with(mark)) {
           return a.name.starts_with(mark);

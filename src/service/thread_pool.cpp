@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <system_error>
+#include <utility>
 
 #include "service/thread.h"
 #include "service/unique_fd.h"
@@ -33,10 +34,14 @@ ThreadPool::~ThreadPool() {
 
 void ThreadPool::submit(hx_rest_handler handler, hx_request *request, hx_io *io, json_t *request_object,
                         int descriptor) {
+  Job job{handler, request, io, request_object, descriptor};
   {
     const std::lock_guard lock(mutex_);
-    ring_.push_back({handler, request, io, request_object, descriptor});
+    if (ring_.size() < most_waiting) {
+      ring_.push_back(std::exchange(job, {}));
+    }
   }
+  release(job);  // what was not taken
   changed_.notify_one();
 }
 

@@ -21,8 +21,12 @@ class ThreadPool {
   ThreadPool(const ThreadPool &) = delete;
   ThreadPool &operator=(const ThreadPool &) = delete;
 
+  // More jobs than this do not wait: a caller that asks faster than the pool works must not fill the daemon's memory
+  // and descriptors.
+  static constexpr std::size_t most_waiting = 256;
+
   // Appends a job and takes over `io`, one reference of `request_object` and `descriptor`: whether the job runs or not,
-  // they are released. Any thread.
+  // they are released. A job beyond most_waiting is released at once. Any thread.
   void submit(hx_rest_handler handler, hx_request *request, hx_io *io, json_t *request_object, int descriptor);
 
   // Puts a stop job before all waiting jobs: every thread ends after the job it is running. Any thread.

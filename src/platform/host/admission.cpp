@@ -4,10 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <vector>
 
-#include "platform/include/strata_config.h"
+#include "platform/host/config.h"
 #include "platform/include/strata_nasauth.h"
 
 namespace dirwell::host {
@@ -15,7 +14,6 @@ namespace dirwell::host {
 namespace {
 
 constexpr std::string_view service_prefix = "dirwell-";
-constexpr std::size_t users_size = 16UL * 1024;
 
 bool is_account(const std::string &name, uid_t user) {
   std::vector<char> buffer(4096);
@@ -32,10 +30,9 @@ bool is_account(const std::string &name, uid_t user) {
 }
 
 bool is_configured(uid_t user) {
-  std::string users(users_size, '\0');
-  const int size = Get_Private_Profile_String("BUS", "users", "", users.data(), static_cast<int>(users.size()),
-                                              "/etc/config/host-platform.conf");
-  users.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+  // Not through a buffer: a name that it cut could be another account's.
+  const auto config = config_file("/etc/config/host-platform.conf");
+  const std::string users(config ? config->value("BUS", "users").value_or("") : "");
   constexpr const char *blanks = " \t";
   for (std::size_t begin = users.find_first_not_of(blanks); begin != std::string::npos;) {
     const std::size_t end = users.find_first_of(blanks, begin);

@@ -153,6 +153,15 @@ TEST_F(CleanCacheFolder, LeavesFoldersAndTheTargetsOfLinksAlone) {
   EXPECT_TRUE(exists(target));
 }
 
+TEST_F(CleanCacheFolder, DoesNotFollowALinkInTheFoldersPlace) {
+  const test::TempDir elsewhere;
+  const std::string victim = elsewhere.write("deadbeef.1");
+  std::filesystem::remove(folder());
+  std::filesystem::create_directory_symlink(elsewhere.path(), folder());
+  EXPECT_EQ(logged(cleanCacheFolder), "");
+  EXPECT_TRUE(exists(victim));
+}
+
 TEST_F(CleanCacheFolder, HasNothingToDoWithoutAFolder) {
   std::filesystem::remove(folder());
   EXPECT_EQ(logged(cleanCacheFolder), "");

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -112,6 +113,32 @@ TEST_F(ThreadPoolTest, NeverRunsJobsBehindAStopJobButReleasesThem) {
   EXPECT_EQ(seen, std::vector<json_int_t>{1});
   EXPECT_EQ(object->refcount, 1U);
   EXPECT_FALSE(is_open(ends[1]));
+  ::close(ends[0]);
+}
+
+TEST_F(ThreadPoolTest, ReleasesJobsBeyondTheMostThatMayWait) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  {
+    ThreadPool pool(1);
+    hold = true;
+    pool.submit(record_handler, nullptr, hx_io_create(), numbered(0), -1);
+    while (running == 0) {
+      std::this_thread::sleep_for(1ms);
+    }
+    for (int n = 0; n < 256; ++n) {
+      pool.submit(record_handler, nullptr, hx_io_create(), numbered(1), -1);
+    }
+    pool.submit(record_handler, nullptr, hx_io_create(), numbered(2), ends[1]);
+    EXPECT_FALSE(is_open(ends[1])) << "its caller learns at once";
+    hold = false;
+    while (running < 257) {
+      std::this_thread::sleep_for(1ms);
+    }
+    pool.stop();
+  }
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), 256);
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), 2), 0);
   ::close(ends[0]);
 }
 
