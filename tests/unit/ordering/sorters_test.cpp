@@ -181,7 +181,7 @@ TEST_F(NameSorterOrder, DecidesEachPairAsItsRulesSay) {
       {"@z", "@a", false, true, true, false},
       {"é", "ê", true, false, false, true},  // the same first byte
       {"@", "0", true, false, true, false},
-      {"", "a", true, false, false, true},  // no listing holds it, but a caller may
+      {"", "a", true, false, false, true},        // no listing holds it, but a caller may
       {".\xFF", ".@", false, true, false, true},  // an ill-formed front is still a dot name
       {".\xFF", "a", true, false, true, false},
       {".\xFF", "\xFF", true, false, false, true},  // two ill-formed fronts: collated, dot or not
