@@ -44,12 +44,18 @@ Exchange::~Exchange() {
 }
 
 bool Exchange::dispatch(IncomingRequest request) {
-  std::array<int, 2> ends = {-1, -1};
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-    return false;
+  fork_guard::GuardedFd bus_end;
+  OwnedFd handler_end;
+  {
+    const fork_guard::NoFork no_fork;
+    std::array<int, 2> ends = {-1, -1};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+      return false;
+    }
+    handler_end = OwnedFd(ends[1]);
+    bus_end = fork_guard::GuardedFd(OwnedFd(ends[0]));
+    fork_guard::guard(handler_end.get());
   }
-  OwnedFd bus_end(ends[0]);
-  OwnedFd handler_end(ends[1]);
   struct stat status = {};
   if (::fstat(handler_end.get(), &status) != 0) {
     return false;
@@ -71,7 +77,6 @@ bool Exchange::dispatch(IncomingRequest request) {
   }
   mark_ = bus_.marks.open();
   context.mark = mark_;
-  handler_end_ = fork_guard::Guarded(handler_end.get());
   const fork_guard::Dispatching dispatching(handler_end.get());
   bus_.callback(&context, io.release(), handler_end.release());
   return true;

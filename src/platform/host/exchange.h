@@ -55,7 +55,6 @@ class Exchange {
   Bus &bus_;
   std::shared_ptr<Stream> client_;
   std::shared_ptr<Stream> handler_;  // the bus's end
-  fork_guard::Guarded handler_end_;  // of the handler's own end, while the daemon holds a copy
   ReplyMark mark_;
   ResponseTerms terms_;
   CgiReader reader_;

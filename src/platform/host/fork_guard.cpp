@@ -29,7 +29,8 @@ Identity identity_of(int descriptor) {
 }
 
 struct State {
-  std::mutex mutex;  // held across each fork, so that the child finds the table whole
+  std::mutex opening;  // held while descriptors are opened that are not in the table yet, and across each fork
+  std::mutex mutex;    // of the table; held across each fork, so that the child finds it whole
   std::unordered_map<int, Identity> descriptors;
   int dispatching = -1;
   sigset_t mask = {};  // of the forking thread
@@ -52,6 +53,7 @@ void prepare() {
   sigset_t before = {};
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &before);
+  state().opening.lock();
   state().mutex.lock();
   state().mask = before;
 }
@@ -59,6 +61,7 @@ void prepare() {
 void release() {
   const sigset_t mask = state().mask;
   state().mutex.unlock();
+  state().opening.unlock();
   ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }
 
@@ -88,7 +91,19 @@ void install() {
   static_cast<void>(result);  // fails only for want of memory at the very start
 }
 
+void guard(int descriptor) {
+  // Never taken out: an entry that leads to another file by now does nothing, and there are no more than descriptors.
+  const Identity identity = identity_of(descriptor);
+  const std::lock_guard lock(state().mutex);
+  state().descriptors.insert_or_assign(descriptor, identity);
+}
+
+NoFork::NoFork() : lock_(state().opening) {}
+
 Guarded::Guarded(int descriptor) : descriptor_(descriptor) {
+  if (descriptor < 0) {
+    return;
+  }
   const Identity identity = identity_of(descriptor);
   device_ = identity.device;
   inode_ = identity.inode;

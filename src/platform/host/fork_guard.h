@@ -8,15 +8,21 @@
 
 #include <sys/types.h>
 
+#include <mutex>
 #include <utility>
+
+#include "platform/host/owned_fd.h"
 
 namespace dirwell::host::fork_guard {
 
 // Registers the fork handlers; at the first call only.
 void install();
 
-// A descriptor that forked processes close, for as long as the object lives. The descriptor may be closed by others
-// meanwhile, and its number reused. Any thread.
+// A descriptor that forked processes close and that its owner closes unseen, in his own time: guarded for as long as
+// the number leads to the same file. Any thread.
+void guard(int descriptor);
+
+// A descriptor that forked processes close, for as long as the object lives. Any thread.
 class Guarded {
  public:
   Guarded() = default;
@@ -39,6 +45,35 @@ class Guarded {
   int descriptor_ = -1;
   dev_t device_ = 0;
   ino_t inode_ = 0;
+};
+
+// Keeps other threads from forking for the length of a scope: while a descriptor is open and not yet guarded. The
+// calling thread must not fork either.
+class NoFork {
+ public:
+  NoFork();
+
+ private:
+  std::lock_guard<std::mutex> lock_;
+};
+
+// A descriptor with one owner, which forked processes close. It is guarded until after it is closed.
+class GuardedFd {
+ public:
+  GuardedFd() = default;
+  explicit GuardedFd(OwnedFd descriptor) : guard_(descriptor.get()), descriptor_(std::move(descriptor)) {}
+
+  [[nodiscard]] int get() const { return descriptor_.get(); }
+  [[nodiscard]] bool valid() const { return descriptor_.valid(); }
+  // Gives descriptor and guard away.
+  int release(Guarded &guard) {
+    guard = std::move(guard_);
+    return descriptor_.release();
+  }
+
+ private:
+  Guarded guard_;
+  OwnedFd descriptor_;
 };
 
 // The request that is being dispatched: a process that the worker forks meanwhile keeps its descriptor.

@@ -100,7 +100,7 @@ asio::awaitable<void> Server::accept() {
       co_await pause();
       continue;
     }
-    OwnedFd client(::accept4(file_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    fork_guard::GuardedFd client = next_client();
     if (client.valid()) {
       take(std::move(client));
       co_await asio::post(loop_, asio::use_awaitable);
@@ -114,13 +114,19 @@ asio::awaitable<void> Server::accept() {
   }
 }
 
+// Invalid with errno set when there is none or none can be taken.
+fork_guard::GuardedFd Server::next_client() {
+  const fork_guard::NoFork no_fork;
+  return fork_guard::GuardedFd(OwnedFd(::accept4(file_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)));
+}
+
 asio::awaitable<void> Server::pause() {
   boost::system::error_code ignored;
   accept_pause_.expires_after(limits().pause);
   co_await accept_pause_.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
 }
 
-void Server::take(OwnedFd client) {
+void Server::take(fork_guard::GuardedFd client) {
   uid_t user = 0;
   if (!peer_user(client.get(), user)) {
     return;
@@ -133,7 +139,6 @@ void Server::take(OwnedFd client) {
     } else if (connections_.size() < limits().connections) {
       serve(std::move(client));
     } else {
-      waiting_guards_.emplace_back(client.get());
       waiting_.push_back(std::move(client));
     }
   } catch (const std::exception &) {
@@ -141,7 +146,7 @@ void Server::take(OwnedFd client) {
   }
 }
 
-void Server::serve(OwnedFd client) {
+void Server::serve(fork_guard::GuardedFd client) {
   auto stream = std::make_shared<Stream>(loop_.get_executor(), std::move(client));
   auto connection = std::make_shared<Connection>(bus_, std::move(stream),
                                                  [this](const std::shared_ptr<Stream> &left) { linger(left); });
@@ -158,9 +163,8 @@ void Server::ended(const std::shared_ptr<Connection> &connection) {
     return;
   }
   while (!waiting_.empty() && connections_.size() < limits().connections) {
-    OwnedFd client = std::move(waiting_.front());
+    fork_guard::GuardedFd client = std::move(waiting_.front());
     waiting_.pop_front();
-    waiting_guards_.pop_front();
     try {
       serve(std::move(client));
     } catch (const std::exception &) {
@@ -171,12 +175,7 @@ void Server::ended(const std::shared_ptr<Connection> &connection) {
 
 // Places go to clients that are still there.
 void Server::drop_left_clients() {
-  for (std::size_t index = waiting_.size(); index-- > 0;) {
-    if (has_left(waiting_[index].get())) {
-      waiting_guards_.erase(waiting_guards_.begin() + static_cast<std::ptrdiff_t>(index));
-      waiting_.erase(waiting_.begin() + static_cast<std::ptrdiff_t>(index));
-    }
-  }
+  std::erase_if(waiting_, [](const fork_guard::GuardedFd &client) { return has_left(client.get()); });
 }
 
 void Server::linger(const std::shared_ptr<Stream> &client) {
@@ -225,11 +224,10 @@ asio::awaitable<void> Server::wait_for_stop() {
 void Server::stop() {
   bus_.stopping = true;
   release_listener();
-  listener_guard_ = {};
   file_.close();
+  listener_guard_ = {};
   accept_pause_.cancel();
   waiting_.clear();
-  waiting_guards_.clear();
   for (const auto &connection : connections_) {
     connection->stop();
   }

@@ -39,8 +39,9 @@ class Server {
   asio::awaitable<void> pause();
   asio::awaitable<void> wait_for_stop();
   asio::awaitable<void> drain(std::shared_ptr<Stream> client);
-  void take(OwnedFd client);
-  void serve(OwnedFd client);
+  fork_guard::GuardedFd next_client();
+  void take(fork_guard::GuardedFd client);
+  void serve(fork_guard::GuardedFd client);
   void ended(const std::shared_ptr<Connection> &connection);
   void linger(const std::shared_ptr<Stream> &client);
   void drop_left_clients();
@@ -52,15 +53,14 @@ class Server {
   asio::io_context loop_;
   std::vector<fork_guard::Guarded> loop_guards_;  // of the loop's own descriptors
   Admission admission_;
+  fork_guard::Guarded listener_guard_;  // until after the file is closed
   SocketFile file_;
   std::optional<asio::local::stream_protocol::socket> listener_;
-  fork_guard::Guarded listener_guard_;
   asio::posix::stream_descriptor stop_event_;
   asio::steady_timer accept_pause_;
   asio::steady_timer stop_limit_;
   std::size_t waiting_limit_;
-  std::deque<OwnedFd> waiting_;  // admitted, without a place yet
-  std::deque<fork_guard::Guarded> waiting_guards_;
+  std::deque<fork_guard::GuardedFd> waiting_;  // admitted, without a place yet
   std::unordered_set<std::shared_ptr<Connection>> connections_;
   std::unordered_set<std::shared_ptr<Stream>> lingering_;
 };

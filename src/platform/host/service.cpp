@@ -37,8 +37,7 @@ struct hx_service {
   hx_request_callback callback = nullptr;
   Hook init;
   Hook fini;
-  dirwell::host::OwnedFd stop_event;
-  dirwell::host::fork_guard::Guarded stop_guard;
+  dirwell::host::fork_guard::GuardedFd stop_event;
   pid_t owner = ::getpid();
 };
 
@@ -51,6 +50,7 @@ int serve(hx_service &service) {
   const WorkerScope worker;
   std::unique_ptr<Server> server;
   try {
+    const fork_guard::NoFork no_fork;
     server = std::make_unique<Server>(service.name, service.callback, service.stop_event.get());
     if (!server->listen(service.path)) {
       const int reason = errno;
@@ -98,12 +98,14 @@ hx_service *hx_create(const char *name, int /*backlog_class*/, int /*workers*/, 
       errno = ENAMETOOLONG;
       return nullptr;
     }
-    service->stop_event = OwnedFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    fork_guard::install();
+    {
+      const fork_guard::NoFork no_fork;
+      service->stop_event = fork_guard::GuardedFd(OwnedFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+    }
     if (!service->stop_event.valid()) {
       return nullptr;
     }
-    fork_guard::install();
-    service->stop_guard = fork_guard::Guarded(service->stop_event.get());
     // Clients go away while they are written to, in the daemon and in its request processes.
     ::signal(SIGPIPE, SIG_IGN);
     return service.release();

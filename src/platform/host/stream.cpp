@@ -18,17 +18,16 @@ asio::awaitable<bool> ready(asio::local::stream_protocol::socket &socket, asio::
   co_return !error;
 }
 
-Stream::Stream(const asio::any_io_executor &executor, OwnedFd socket)
-    : socket_(executor), deadline_(executor), pause_(executor), guard_(socket.get()) {
+Stream::Stream(const asio::any_io_executor &executor, fork_guard::GuardedFd socket)
+    : socket_(executor), deadline_(executor), pause_(executor) {
   socket_.assign(asio::local::stream_protocol(), socket.get());
-  socket.release();
+  socket.release(guard_);
 }
 
 Stream::~Stream() {
   // Taken out of the loop by name: as long as a forked process held a copy, the kernel would keep reporting it.
   boost::system::error_code ignored;
   const OwnedFd socket(socket_.release(ignored));
-  guard_ = fork_guard::Guarded();
 }
 
 asio::awaitable<Stream::Wake> Stream::readable(Clock::time_point deadline) {

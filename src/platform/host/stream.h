@@ -13,7 +13,6 @@
 #include <string_view>
 
 #include "platform/host/fork_guard.h"
-#include "platform/host/owned_fd.h"
 
 namespace dirwell::host {
 
@@ -27,7 +26,7 @@ asio::awaitable<bool> ready(asio::local::stream_protocol::socket &socket, asio::
 class Stream : public std::enable_shared_from_this<Stream> {
  public:
   // Throws when the loop cannot take the socket in.
-  Stream(const asio::any_io_executor &executor, OwnedFd socket);
+  Stream(const asio::any_io_executor &executor, fork_guard::GuardedFd socket);
   ~Stream();
   Stream(const Stream &) = delete;
   Stream &operator=(const Stream &) = delete;
@@ -65,6 +64,7 @@ class Stream : public std::enable_shared_from_this<Stream> {
  private:
   void wait_for_end(std::size_t watch);
 
+  fork_guard::Guarded guard_;  // until after the socket is closed
   asio::local::stream_protocol::socket socket_;
   asio::steady_timer deadline_;
   asio::steady_timer pause_;
@@ -72,7 +72,6 @@ class Stream : public std::enable_shared_from_this<Stream> {
   std::size_t watches_ = 0;  // the same for the watch
   bool hung_up_ = false;
   std::function<void()> on_gone_;
-  fork_guard::Guarded guard_;
 };
 
 }  // namespace dirwell::host
