@@ -132,6 +132,16 @@ TEST_F(Exchange, TakesTheEndOfTheLastHolderForTheEndOfTheResponse) {
   EXPECT_EQ(client.ask(post("/x", "Content-Type: text/plain\r\n\r\nany")).body, "any");
 }
 
+TEST_F(Exchange, TakesTheHandlersWordForAResponseThatShowsNoEnd) {
+  const ServiceProcess word(dictated_whole, {}, "word");
+  const ServiceProcess no_word(dictated_and_killed, {}, "no-word");
+  Client given(word);
+  Client missing(no_word);
+  const std::string number = "Content-Type: application/json\r\n\r\n12";
+  EXPECT_EQ(given.ask(post("/x", number)).body, "12");
+  expect_bad_gateway(missing.ask(post("/x", number)));
+}
+
 TEST_F(Exchange, IsCompleteAtTheReplyWhateverTheHandlerDoesAfterwards) {
   const ServiceProcess service([](hx_request *, hx_io *io, int descriptor) {
     in_request_process(io, descriptor, [&] {
