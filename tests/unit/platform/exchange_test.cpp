@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,7 +13,7 @@
 #include <thread>
 
 #include "platform/bus_service.h"
-#include "platform/host/limits.h"
+#include "platform/host/io.h"
 #include "platform/include/hxservice.h"
 
 namespace dirwell::test {
@@ -330,6 +331,30 @@ TEST_F(Exchange, TellsEachHandlerOfItsOwnClientThoughMoreProcessesWereForkedLate
   EXPECT_EQ(told->finished, 6) << "a handler lost its client for another's";
   clients.clear();
   EXPECT_TRUE(eventually([] { return told->finished == 12; }, 1s));
+}
+
+TEST_F(Exchange, HangsUpThoughAProcessHoldsCopiesOfTheBussOwnEnds) {
+  const ServiceProcess service([](hx_request *request, hx_io *io, int descriptor) {
+    if (request->path == "/watch") {
+      return watch_client(request, io, descriptor);
+    }
+    // Made behind the back of the fork handlers, so it keeps everything.
+    if (::syscall(SYS_fork) == 0) {
+      ::alarm(5);
+      ::pause();
+    }
+    write_text(descriptor, "A: b\r\n\r\n");
+    ::close(descriptor);
+    hx_io_free(io);
+  });
+  Client watched(service);
+  watched.send(post("/watch"));
+  EXPECT_TRUE(eventually([] { return told->started == 1; }));
+  Client other(service);
+  other.send(post("/hold"));
+  std::this_thread::sleep_for(50ms);
+  watched.close();
+  EXPECT_TRUE(eventually([] { return told->finished == 1; }, 1s));
 }
 
 TEST_F(Exchange, DoesNotTakeAHalfClosedClientForGone) {
