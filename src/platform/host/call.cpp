@@ -81,10 +81,13 @@ bool read_reply(int socket, ReplyParser &parser, Clock::time_point deadline) {
       return timed_out();
     }
     if (got == 0) {
-      const bool begun = parser.got_some();
-      parser.put_eof(error);
+      if (parser.got_some()) {  // the parser may not be told of the end of nothing
+        parser.put_eof(error);
+      } else {
+        error = http::error::end_of_stream;
+      }
       errno = ECONNRESET;
-      return begun && !error;
+      return !error;
     }
     buffer.append(chunk.data(), static_cast<std::size_t>(got));
     buffer.erase(0, parser.put(boost::asio::buffer(buffer), error));
