@@ -113,7 +113,8 @@ TEST(ForkPrehandler, RunsTheHandlerInAProcessThatIsNotADaemonsChild) {
 TEST(ForkPrehandler, ReleasesTheDescriptorInTheDaemon) {
   int ends[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  fork_prehandler(nullptr, report_handler, hx_io_create(), json_object(), ends[1]);
+  const JsonRef parameters(json_object());
+  fork_prehandler(nullptr, report_handler, hx_io_create(), parameters.get(), ends[1]);
   EXPECT_FALSE(is_open(ends[1]));
   ::close(ends[0]);
 }
