@@ -1,8 +1,6 @@
 #include "entry/names.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <string>
@@ -59,11 +57,7 @@ TEST(Names, OfRecordsBeyondTheirBufferAreThreeDashes) {
       "passwd", "short:x:71001:71001::/:/bin/sh\nlong:x:71002:71002:" + std::string(1100, 'x') + ":/:/bin/sh\n");
   const std::string groups = folder.write("group", "few:x:71001:a,b\nmany:x:71002:" + std::string(1100, 'm') + "\n");
   EXPECT_EQ(test::in_child([&] {
-              if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                  ::mount(accounts.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0 ||
-                  ::mount(groups.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
-                ::_exit(2);
-              }
+              test::use_account_files(accounts, groups);
               const bool fitting = ownerName(owned_by(71001, 0)) == "short" && groupName(owned_by(0, 71001)) == "few";
               const bool too_long = ownerName(owned_by(71002, 0)) == "---" && groupName(owned_by(0, 71002)) == "---";
               ::_exit(fitting && too_long ? 0 : 1);

@@ -1,7 +1,5 @@
 // What a listing request is refused for, each with its own message.
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <string>
@@ -166,11 +164,7 @@ TEST(QueryRefusal, RefusesOwnersAndGroupsWhoseRecordsExceedTheirBuffer) {
       "passwd", "short:x:71001:71001::/:/bin/sh\nlong:x:71002:71002:" + std::string(1100, 'x') + ":/:/bin/sh\n");
   const std::string groups = folder.write("group", "few:x:71001:a,b\nmany:x:71002:" + std::string(1100, 'm') + "\n");
   EXPECT_EQ(test::in_child([&] {
-              if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                  ::mount(accounts.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0 ||
-                  ::mount(groups.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
-                ::_exit(2);
-              }
+              test::use_account_files(accounts, groups);
               const bool right = refusal_of(parse_members(R"("owner": "short", "group": "few")")) == "0" &&
                                  refusal_of(parse_members(R"("owner": "long")")) == "invalid owner" &&
                                  refusal_of(parse_members(R"("group": "many")")) == "invalid group";

@@ -1,8 +1,10 @@
 #include "support/environment.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -70,6 +72,14 @@ int in_child(const std::function<void()> &action) {
   int status = 0;
   ::waitpid(child, &status, 0);
   return status;
+}
+
+void use_account_files(const std::string &accounts, const std::string &groups) {
+  if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      ::mount(accounts.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0 ||
+      ::mount(groups.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
+    ::_exit(2);
+  }
 }
 
 }  // namespace dirwell::test

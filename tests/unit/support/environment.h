@@ -27,4 +27,8 @@ std::string captured_stderr(const std::function<void()> &action);
 // status 0 when `action` returns. A child that hangs is killed, which the status shows.
 int in_child(const std::function<void()> &action);
 
+// Puts the files in the place of the machine's accounts and groups, for this process alone. Only in a child of
+// in_child, which ends with another status than 0 where the kernel refuses.
+void use_account_files(const std::string &accounts, const std::string &groups);
+
 }  // namespace dirwell::test
