@@ -55,7 +55,7 @@ void measureSet(benchmark::State &state, const CacheRow &row, Place place) {
   std::unique_ptr<CacheStore> store;
   JsonRef reply;
   ErrorRecord error;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     store = freshStore(place);
     reply = store->set(entries, error);
     state.PauseTiming();
@@ -72,7 +72,7 @@ void measureSummary(benchmark::State &state, const CacheRow &row) {
   ErrorRecord error;
   const JsonRef written = store.set(listingFor(row, state), error);
   JsonRef summary;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     summary = store.clusterSummary();
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
@@ -97,7 +97,7 @@ void measurePage(benchmark::State &state, Shape shape, Place place, End end) {
   const std::unique_ptr<CacheStore> store = freshStore(place);
   const std::string uuid = json_string_value(json_object_get(store->set(entries, error).get(), "uuid"));
   JsonRef page;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     if (place == Place::memory) {
       page = store->fetchOwn(offset, page_size, formatter, error);
     } else {

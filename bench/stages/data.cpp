@@ -74,7 +74,7 @@ void fillFlat(const std::string &path, const std::vector<File> &files) {
 
 // The first of the files become folders, each below an earlier one, and hold the others in turn.
 void fillTree(const std::string &path, std::vector<File> files) {
-  const std::size_t folders = files.size() / entries_per_folder;
+  const std::size_t folders = std::max<std::size_t>(files.size() / entries_per_folder, 1);
   std::vector<std::string> paths;
   for (std::size_t place = 0; place < files.size(); ++place) {
     File &file = files[place];

@@ -20,7 +20,7 @@ namespace {
 
 void measureQuery(benchmark::State &state, const char *language, const char *grouping) {
   ResourceQuery query;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     query = queryOf({{"lang", language}, {"sort", "name"}, {"cluster", grouping}});
   }
   state.SetItemsProcessed(state.iterations());
@@ -34,7 +34,7 @@ void measureWalk(benchmark::State &state, Shape shape) {
   const Folder &folder = folderOf(count, shape);
   const ResourceQuery query = queryOf({});
   std::vector<ResourceEntry> entries;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     state.PauseTiming();
     std::vector<ResourceEntry>().swap(entries);  // a request ends without freeing its entries
     std::list<ResourceEntry> roots{ResourceEntry::queuedDirectory(folder.path, {}, "/Files")};
@@ -82,7 +82,7 @@ void measureFilter(benchmark::State &state, const FilterRow &row) {
   const std::vector<ResourceEntry> entries = listingOf(static_cast<std::size_t>(state.range(0)));
   const std::shared_ptr<Filter> filter = row.make();
   std::size_t kept = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     kept = 0;
     for (const ResourceEntry &entry : entries) {
       kept += filter->match(entry) ? 1 : 0;
@@ -100,7 +100,7 @@ void measureVeto(benchmark::State &state, const char *list) {
   const ScopedVetoList vetoed(list);
   const VetoFilter filter;
   std::size_t kept = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     kept = 0;
     for (const File &file : files) {
       kept += filter.isVetoedName(file.name.c_str()) ? 0 : 1;
@@ -116,8 +116,8 @@ void measureVeto(benchmark::State &state, const char *list) {
 }  // namespace
 
 void registerListing() {
-  benchmark::RegisterBenchmark("query/ENG/name", measureQuery, "ENG", "name")->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("query/JPN/owner", measureQuery, "JPN", "owner")->Unit(benchmark::kMicrosecond);
+  addRows("query/ENG/name", {}, measureQuery, "ENG", "name");
+  addRows("query/JPN/owner", {}, measureQuery, "JPN", "owner");
   addRows("walk/flat", {small_listing, 10'000, large_listing}, measureWalk, Shape::flat);
   addRows("walk/tree", both_listings, measureWalk, Shape::tree);
   for (const FilterRow &row : filterRows()) {

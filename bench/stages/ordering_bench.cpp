@@ -62,7 +62,7 @@ void measureSort(benchmark::State &state, const SortRow &row, Sort sort) {
   const std::vector<ResourceEntry> unsorted = listingOf(count, Shape::flat, queryFor(row).cluster.get());
   std::vector<ResourceEntry> entries;
   std::shared_ptr<Sorter> sorter;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     state.PauseTiming();
     std::vector<ResourceEntry>().swap(entries);  // or the copy would have its texts in the order of the last sort
     entries = unsorted;
@@ -80,7 +80,7 @@ void measureCluster(benchmark::State &state, const char *field) {
   const std::vector<ResourceEntry> entries = listingOf(static_cast<std::size_t>(state.range(0)));
   std::unordered_set<std::string> distinct;
   std::vector<std::string> keys(entries.size());
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     state.PauseTiming();
     const std::shared_ptr<Cluster> cluster = queryOf({{"cluster", field}}).cluster;  // what it remembers goes with it
     state.ResumeTiming();

@@ -54,7 +54,7 @@ JsonRef pageReply(std::size_t count) {
 void measureDescribe(benchmark::State &state) {
   const std::vector<ResourceEntry> entries = pageEntries(static_cast<std::size_t>(state.range(0)));
   JsonRef described;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     state.PauseTiming();
     described.reset(json_array());  // a request ends without freeing what it has described
     state.ResumeTiming();
@@ -75,7 +75,7 @@ void measureDump(benchmark::State &state) {
   const JsonRef reply = pageReply(static_cast<std::size_t>(state.range(0)));
   const std::unique_ptr<hx_io, decltype(&hx_io_free)> io(hx_io_create(), hx_io_free);
   bool whole = true;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     hx_io_realloc(io.get(), 0);
     whole = whole && dump_json(reply.get(), io.get());
   }
@@ -131,7 +131,7 @@ void measureReply(benchmark::State &state) {
   const JsonRef reply = pageReply(static_cast<std::size_t>(state.range(0)));
   const std::unique_ptr<hx_io, decltype(&hx_io_free)> io(hx_io_create(), hx_io_free);
   Client client;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     write_reply(io.get(), client.descriptor(), reply.get(), ErrorRecord{});
   }
   dump_json(reply.get(), io.get());

@@ -3,6 +3,7 @@
 #include <jansson.h>
 
 #include <stdexcept>
+#include <utility>
 
 #include "service/json.h"
 
@@ -12,7 +13,27 @@ namespace {
 
 bool any_failed = false;
 
+class Row final : public benchmark::internal::Benchmark {
+ public:
+  Row(const std::string &name, std::function<void(benchmark::State &)> measure)
+      : Benchmark(name.c_str()), measure_(std::move(measure)) {}
+  void Run(benchmark::State &state) override { measure_(state); }
+
+ private:
+  std::function<void(benchmark::State &)> measure_;
+};
+
 }  // namespace
+
+void addRows(const std::string &name, std::initializer_list<std::int64_t> sizes,
+             std::function<void(benchmark::State &)> measure) {
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the library owns it from here on
+  auto *rows = benchmark::internal::RegisterBenchmarkInternal(new Row(name, std::move(measure)));
+  rows->Unit(benchmark::kMicrosecond);
+  for (const std::int64_t size : sizes) {
+    rows->Arg(size);
+  }
+}
 
 void expect(benchmark::State &state, bool done, const char *message) {
   if (!done) {

@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -26,14 +27,15 @@ inline constexpr std::int64_t large_listing = 100'000;
 inline constexpr std::int64_t page_size = 500;
 inline constexpr std::initializer_list<std::int64_t> both_listings{small_listing, large_listing};
 
-// A row for each size: `measure` is called with the state, whose range tells the size, and with `arguments`.
+// A row for each size, or one without: `measure` finds the size in its state's range.
+void addRows(const std::string &name, std::initializer_list<std::int64_t> sizes,
+             std::function<void(benchmark::State &)> measure);
+
+// The same with arguments behind the state.
 template <class Measure, class... Arguments>
 void addRows(const std::string &name, std::initializer_list<std::int64_t> sizes, Measure measure,
              const Arguments &...arguments) {
-  auto *rows = benchmark::RegisterBenchmark(name.c_str(), measure, arguments...)->Unit(benchmark::kMicrosecond);
-  for (const std::int64_t size : sizes) {
-    rows->Arg(size);
-  }
+  addRows(name, sizes, std::function([=](benchmark::State &state) { measure(state, arguments...); }));
 }
 
 // Unless `done`, marks the row as an error with `message` and the whole run as failed.
