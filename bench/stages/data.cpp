@@ -78,7 +78,7 @@ void fillTree(const std::string &path, std::vector<File> files) {
   std::vector<std::string> paths;
   for (std::size_t place = 0; place < files.size(); ++place) {
     File &file = files[place];
-    const mode_t kind = place < folders ? S_IFDIR | S_IXUSR : S_IFREG;
+    const mode_t kind = place < folders ? S_IFDIR | S_IRWXU : S_IFREG;
     file.status.st_mode = (file.status.st_mode & ALLPERMS) | kind;
     if (place >= folders) {
       const UniqueFd folder = opened(paths[place % folders]);

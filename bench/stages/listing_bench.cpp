@@ -118,7 +118,7 @@ void measureVeto(benchmark::State &state, const char *list) {
 void registerListing() {
   addRows("query/ENG/name", {}, measureQuery, "ENG", "name");
   addRows("query/JPN/owner", {}, measureQuery, "JPN", "owner");
-  addRows("walk/flat", {small_listing, 10'000, large_listing}, measureWalk, Shape::flat);
+  addRows("walk/flat", {20, small_listing, 10'000, large_listing}, measureWalk, Shape::flat);
   addRows("walk/tree", both_listings, measureWalk, Shape::tree);
   for (const FilterRow &row : filterRows()) {
     addRows(std::string("filter/") + row.name, both_listings, measureFilter, row);
