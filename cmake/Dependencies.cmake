@@ -16,6 +16,8 @@ target_compile_options(dirwell_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow
 target_compile_options(dirwell_flags INTERFACE -Wno-restrict -Wno-array-bounds
                        -Wno-stringop-overflow)
 target_compile_definitions(dirwell_flags INTERFACE _GNU_SOURCE)
+# Every symbol is bound when the program starts: what is bound later is bound anew in each forked request process.
+target_link_options(dirwell_flags INTERFACE -Wl,-z,relro -Wl,-z,now)
 target_include_directories(dirwell_flags INTERFACE ${CMAKE_SOURCE_DIR}/src)
 target_link_libraries(dirwell_flags INTERFACE Threads::Threads)
 

@@ -2,16 +2,20 @@
 
 #include <grp.h>
 #include <pwd.h>
-#include <sqlite3.h>
 
 #include <array>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <vector>
 
+#include "cache/cache_store.h"
+#include "cache/database_library.h"
+#include "describe/formatter.h"
 #include "ordering/clusters.h"
 #include "ordering/sorters.h"
 #include "platform/include/strata_nas.h"
+#include "service/json.h"
 #include "service/languages.h"
 #include "service/session.h"
 
@@ -39,21 +43,37 @@ void warm_case_and_accents() {
 }
 
 void warm_database() {
-  sqlite3 *database = nullptr;
-  if (sqlite3_open(":memory:", &database) == SQLITE_OK) {
-    sqlite3_exec(database, "CREATE TABLE warm (x TEXT)", nullptr, nullptr, nullptr);
-  }
-  sqlite3_close(database);
+  prepare_database_library();
+  CacheStore store;
+  store.resetSchema();
+  store.hasUuid({});
+  store.countEntries({});
+  store.clusterSummary();
 }
 
+// Binds what the libraries below bind at their first call.
+void warm_description() {
+  ResourceEntry entry = ResourceEntry::queuedDirectory("/", {}, "/");
+  // No account has this id, so that no name is remembered before its time.
+  entry.stat.st_uid = static_cast<uid_t>(-1);
+  entry.stat.st_gid = static_cast<gid_t>(-1);
+  const auto formatter = std::make_shared<LegacyFormatter>();
+  const JsonRef described(formatter->format(entry));
+  formatter->formatSettings(described.get());
+  std::free(json_dumps(described.get(), JSON_COMPACT));
+}
+
+// An id without a name is asked of every source that the machine has, which loads them all.
 void warm_name_service() {
+  constexpr id_t nobodys_id = 0xFFFFFFF0;
   std::array<char, 1024> buffer;
   passwd account{};
   passwd *account_found = nullptr;
-  ::getpwuid_r(Session::instance().uid(), &account, buffer.data(), buffer.size(), &account_found);
+  ::getpwuid_r(nobodys_id, &account, buffer.data(), buffer.size(), &account_found);
   group members{};
   group *group_found = nullptr;
-  ::getgrgid_r(Session::instance().gid(), &members, buffer.data(), buffer.size(), &group_found);
+  ::getgrgid_r(nobodys_id, &members, buffer.data(), buffer.size(), &group_found);
+  static_cast<void>(Session::instance().groups());
 }
 
 }  // namespace
@@ -63,6 +83,7 @@ void warm_up() {
   warm_case_and_accents();
   warm_database();
   warm_name_service();
+  warm_description();
   SMB_Free_Share_Info(SMB_Get_Share_Info());
   ::tzset();
 }

@@ -1,12 +1,17 @@
 #include "service/parameters.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <cctype>
-#include <fstream>
+#include <cerrno>
 
 #include "service/json.h"
 #include "service/languages.h"
 #include "service/pattern.h"
+#include "service/unique_fd.h"
 
 namespace dirwell {
 
@@ -108,10 +113,22 @@ void read_cache_page(CachePage &result, const json_t *request, ErrorRecord &reco
 }
 
 std::string new_uuid() {
-  std::ifstream file("/proc/sys/kernel/random/uuid");
-  std::string uuid;
-  file >> uuid;
-  return uuid;
+  // Read without a stream: a process's first stream sets up the locale, which costs a small request a tenth of its
+  // time.
+  const UniqueFd file(::open("/proc/sys/kernel/random/uuid", O_RDONLY | O_CLOEXEC));
+  std::array<char, uuid_length> uuid;
+  std::size_t done = 0;
+  while (done < uuid.size()) {
+    const ssize_t count = ::read(file.get(), uuid.data() + done, uuid.size() - done);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      break;
+    }
+    done += static_cast<std::size_t>(count);
+  }
+  return {uuid.data(), done};
 }
 
 }  // namespace dirwell

@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <memory>
 
 #include "service/fork_gate.h"
 #include "service/log.h"
@@ -19,7 +20,7 @@ namespace {
 
 constexpr unsigned liveness_period_seconds = 30;
 constexpr int check_only = 1;  // the platform's flag for a look that does not prolong the session
-constexpr std::size_t group_capacity = 65536;
+constexpr int group_capacity = 65536;
 
 // Where readers of trace output look for the switch of identity.
 constexpr SourcePlace identity_place{"session", 97, "seteuser"};
@@ -77,27 +78,30 @@ bool Session::alive() {
   return auth_get_session_ex(sid_.c_str(), check_only, &record_) == 0;
 }
 
-int Session::look_up_groups(std::vector<gid_t> &array) const {
-  array.assign(group_capacity, 0);
-  int count = static_cast<int>(array.size());
-  return ::getgrouplist(user_name().c_str(), gid_, array.data(), &count);
-}
-
-std::vector<gid_t> Session::groups() const {
-  std::vector<gid_t> array;
-  array.resize(static_cast<std::size_t>(std::max(0, look_up_groups(array))));
+Session::GroupArray Session::look_up_groups(int &count) const {
+  // Not zeroed: few groups are the rule, and clearing the rest took longer than the look-up.
+  auto array = std::make_unique_for_overwrite<gid_t[]>(group_capacity);
+  int capacity = group_capacity;
+  count = ::getgrouplist(user_name().c_str(), gid_, array.get(), &capacity);
   return array;
 }
 
+std::vector<gid_t> Session::groups() const {
+  int count = 0;
+  const GroupArray array = look_up_groups(count);
+  return {array.get(), array.get() + std::max(0, count)};
+}
+
 bool Session::seteuser(bool restore) {
-  std::vector<gid_t> array;
-  const int count = look_up_groups(array);
+  int count = 0;
+  const GroupArray array = look_up_groups(count);
   // A failed lookup clears the supplementary groups. An ordinary user may not set them at all, and already has its own.
-  const bool groups_set = ::setgroups(static_cast<std::size_t>(std::max(0, count)), array.data()) == 0 ||
+  const bool groups_set = ::setgroups(static_cast<std::size_t>(std::max(0, count)), array.get()) == 0 ||
                           (errno == EPERM && ::geteuid() != 0);
   if (log_enabled(Severity::trace)) {
-    for (const gid_t group : array) {
-      log_trace(identity_place, "[session] gid = %d", static_cast<int>(group));
+    for (int index = 0; index < group_capacity; ++index) {
+      const gid_t gid = index < count ? array[static_cast<std::size_t>(index)] : 0;
+      log_trace(identity_place, "[session] gid = %d", static_cast<int>(gid));
     }
   }
   const gid_t gid = restore ? ::getgid() : gid_;

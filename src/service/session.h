@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -49,8 +50,9 @@ class Session {
   Session();
   ~Session() = default;
 
-  // The groups in an array of full size, zeroed beyond the returned count; negative when the lookup fails.
-  int look_up_groups(std::vector<gid_t> &array) const;
+  using GroupArray = std::unique_ptr<gid_t[]>;
+  // The groups in an array of full size, undefined beyond `count`, which is negative when the lookup fails.
+  GroupArray look_up_groups(int &count) const;
 
   uid_t uid_ = 0;
   gid_t gid_ = 0;

@@ -9,9 +9,10 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <charconv>
 #include <exception>
+#include <memory>
 #include <optional>
+#include <span>
 #include <utility>
-#include <vector>
 
 #include "platform/host/owned_fd.h"
 
@@ -111,7 +112,8 @@ void Exchange::hang_up() {
 
 // Until the handler's stream ends, is no response, or the client does not take it any more.
 asio::awaitable<void> Exchange::copy() {
-  std::vector<char> buffer(read_size);
+  const auto memory = std::make_unique_for_overwrite<char[]>(read_size);
+  const std::span<char> buffer(memory.get(), read_size);
   unsigned reads = 0;
   while (true) {
     const std::ptrdiff_t got = handler_->receive(buffer);

@@ -8,7 +8,7 @@
 #include <array>
 #include <atomic>
 #include <mutex>
-#include <unordered_map>
+#include <vector>
 
 #include "platform/host/worker.h"
 
@@ -31,10 +31,19 @@ Identity identity_of(int descriptor) {
 struct State {
   std::mutex opening;  // held while descriptors are opened that are not in the table yet, and across each fork
   std::mutex mutex;    // of the table; held across each fork, so that the child finds it whole
-  std::unordered_map<int, Identity> descriptors;
+  std::vector<Identity> descriptors;  // by number; a plain array, so that the child forgets it without touching memory
   int dispatching = -1;
   sigset_t mask = {};  // of the forking thread
   std::array<std::atomic<bool>, 65> own_signals = {};
+
+  // The place of an open descriptor; with the mutex held.
+  Identity &at(int descriptor) {
+    const auto place = static_cast<std::size_t>(descriptor);
+    if (place >= descriptors.size()) {
+      descriptors.resize(place + 1);
+    }
+    return descriptors[place];
+  }
 };
 
 // Never destroyed: a fork may still happen while the process ends.
@@ -68,8 +77,10 @@ void release() {
 void become_request_process() {
   State &all = state();
   const int kept = on_worker() ? all.dispatching : -1;
-  for (const auto &[descriptor, identity] : all.descriptors) {
-    if (descriptor != kept && identity_of(descriptor) == identity) {
+  for (std::size_t place = 0; place < all.descriptors.size(); ++place) {
+    const auto descriptor = static_cast<int>(place);
+    const Identity &identity = all.descriptors[place];
+    if (identity != Identity{} && descriptor != kept && identity_of(descriptor) == identity) {
       ::close(descriptor);
     }
   }
@@ -93,9 +104,12 @@ void install() {
 
 void guard(int descriptor) {
   // Never taken out: an entry that leads to another file by now does nothing, and there are no more than descriptors.
+  if (descriptor < 0) {
+    return;
+  }
   const Identity identity = identity_of(descriptor);
   const std::lock_guard lock(state().mutex);
-  state().descriptors.insert_or_assign(descriptor, identity);
+  state().at(descriptor) = identity;
 }
 
 NoFork::NoFork() : lock_(state().opening) {}
@@ -108,7 +122,7 @@ Guarded::Guarded(int descriptor) : descriptor_(descriptor) {
   device_ = identity.device;
   inode_ = identity.inode;
   const std::lock_guard lock(state().mutex);
-  state().descriptors.insert_or_assign(descriptor, identity);
+  state().at(descriptor) = identity;
 }
 
 Guarded::~Guarded() {
@@ -116,9 +130,9 @@ Guarded::~Guarded() {
     return;
   }
   const std::lock_guard lock(state().mutex);
-  const auto entry = state().descriptors.find(descriptor_);
-  if (entry != state().descriptors.end() && entry->second == Identity{device_, inode_}) {
-    state().descriptors.erase(entry);
+  Identity &identity = state().at(descriptor_);
+  if (identity == Identity{device_, inode_}) {
+    identity = {};
   }
 }
 
