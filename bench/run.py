@@ -1,0 +1,173 @@
+#!/usr/bin/env python3
+"""Measures the service beside the floor of the machine and beside other programs, all in one run.
+
+Needs the built programs (./dev bench builds them) and root, since the session's user is root's. Every case of a group
+runs once a round, so that what disturbs the machine disturbs all of them; the first round only warms up.
+"""
+
+import argparse
+import contextlib
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+
+import cases
+import data
+import report
+import service
+
+LARGE, MIDDLE, SMALL = 100_000, 10_000, 1_000
+TINY = 20
+CLIENTS = 8
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--binaries", type=pathlib.Path, default=service.TOP / "build/release")
+    parser.add_argument("--rounds", type=int, default=9, help="measured rounds (default: 9)")
+    parser.add_argument("--output", type=pathlib.Path, default=service.TOP / "bench/results")
+    parser.add_argument("--scale", type=int, default=1, help="divides all sizes; for a try of the bench itself")
+    parser.add_argument("--no-stages", action="store_true", help="leave out the measurements of the stages")
+    parser.add_argument("--no-videos", action="store_true", help="leave out the page of videos")
+    return parser.parse_args()
+
+
+def say(text):
+    print(f"bench: {text}", file=sys.stderr, flush=True)
+
+
+def rounds_of(title, table, rounds):
+    """{name: [Measured, ...]}, the cases taking turns."""
+    found = {name: [] for name in table}
+    for number in range(rounds + 1):
+        say(f"{title}: {'warming up' if number == 0 else f'round {number} of {rounds}'}")
+        for name, case in table.items():
+            measured = case.run()
+            if number > 0:
+                found[name].append(measured)
+    return found
+
+
+def check_listing(request, total):
+    reply = request.reply()
+    if reply["total"] != total or len(reply["datas"]) != min(cases.PAGE, total):
+        raise RuntimeError(f"a listing of {total} tells {reply['total']}, {len(reply['datas'])} of them described")
+
+
+class Bench:
+    def __init__(self, arguments, folder, stack):
+        self.binaries = arguments.binaries.resolve()
+        self.rounds = arguments.rounds
+        self.scale = arguments.scale
+        self.folder = folder
+        self.floor = self.binaries / "bench/bench_floor"
+        self.data = folder / "data"
+        self.data.mkdir()
+        say("making the folders")
+        self.sizes = {size: max(TINY, size // self.scale) for size in (LARGE, MIDDLE, SMALL, TINY)}
+        self.flat = {size: self.data / f"flat-{size}" for size in self.sizes}
+        for size, entries in self.sizes.items():
+            data.make_flat(self.flat[size], entries)
+        self.tree = self.data / "tree"
+        data.make_tree(self.tree, self.sizes[LARGE], data.TREE_FOLDERS // self.scale)
+        service.adopt_orphans()
+        self.daemon = stack.enter_context(
+            service.Service(self.binaries, ("Bench", self.data, service.SHARE_WITHOUT_PROBES)))
+        self.client = cases.Client(self.binaries, folder)
+        self.stack = stack
+
+    def have(self, program):
+        return shutil.which(program, path=cases.ENVIRONMENT["PATH"]) is not None
+
+    def fetch(self, folder, requests=1, **keys):
+        return cases.OwnRequest(self.client, self.daemon, "fetch.resource", service.request_body(folder, **keys), requests)
+
+    def remote_control(self, where, folder, requests=1):
+        body = b'{"fs": "%s", "remote": ""}' % str(folder).encode()
+        return cases.Request(self.client, where, "/operations/list", body, requests)
+
+    def measure(self):
+        groups = {}
+        idle = self.daemon.memory()
+        where = None
+        if self.have("rclone"):
+            where = self.stack.enter_context(service.rclone_daemon(self.folder))
+        check_listing(self.fetch(self.flat[LARGE]), self.sizes[LARGE])
+        check_listing(self.fetch(self.tree, recursive=True), self.sizes[LARGE])
+
+        table = cases.of_programs(self.floor, self.flat[LARGE], False, self.have)
+        if where:
+            table["rclone rcd"] = self.remote_control(where, self.flat[LARGE])
+        if self.have("nginx"):
+            static = self.stack.enter_context(service.static_server(self.folder, self.data))
+            table["static server"] = cases.Request(self.client, static, f"/flat-{LARGE}/")
+        table |= cases.own_listings(self.client, self.daemon, self.flat[LARGE], self.sizes[LARGE])
+        groups["flat"] = rounds_of("flat folder", table, self.rounds)
+
+        table = cases.of_programs(self.floor, self.tree, True, self.have)
+        table["dirwell"] = self.fetch(self.tree, recursive=True)
+        groups["tree"] = rounds_of("tree", table, self.rounds)
+
+        table = {}
+        for size in (MIDDLE, SMALL):
+            table[f"floor {size}"] = cases.Program([self.floor, self.flat[size]])
+            table[f"dirwell {size}"] = self.fetch(self.flat[size], requests=5)
+        groups["growth"] = rounds_of("growth", table, self.rounds)
+
+        table = {"dirwell": self.fetch(self.flat[TINY], requests=max(20, 200 // self.scale))}
+        if where:
+            table["rclone rcd"] = self.remote_control(where, self.flat[TINY], requests=max(20, 200 // self.scale))
+        table["dirwell, 8 clients"] = cases.Load(table["dirwell"], CLIENTS, max(40, 2000 // self.scale))
+        groups["small"] = rounds_of("20 entries", table, self.rounds)
+
+        first = cases.FirstReply(self.binaries, self.data, service.request_body(self.flat[TINY]))
+        self.stack.callback(first.close)
+        groups["start"] = rounds_of("start", {"first reply": first}, self.rounds)
+        return groups, idle
+
+    def measure_videos(self):
+        """A page of short videos where the tool looks into each, the same page where it does not, and the tool alone."""
+        videos = self.folder / "videos"
+        count = max(2, data.VIDEOS // self.scale)
+        data.make_videos(videos, count)
+        plain = service.Service(self.binaries, ("Videos", videos))
+        closed = service.Service(self.binaries, ("Videos", videos, service.SHARE_WITHOUT_PROBES))
+        with plain, closed:
+            body = service.request_body(videos)
+            table = {
+                "page": cases.OwnRequest(self.client, plain, "fetch.resource", body),
+                "page without the tool": cases.OwnRequest(self.client, closed, "fetch.resource", body),
+                "the tool alone": cases.EachVideo(sorted(videos.iterdir())),
+            }
+            if sum(entry["is_h265"] for entry in table["page"].reply()["datas"]) != (count + 1) // 2:
+                raise RuntimeError("the videos' streams are not recognised")
+            return rounds_of("videos", table, min(3, self.rounds))
+
+    def measure_stages(self):
+        say("stages")
+        program = self.binaries / "bench/bench_stages"
+        command = [program, "--benchmark_format=json", *(["--benchmark_min_time=0.01"] if self.scale > 1 else [])]
+        done = subprocess.run(command, stdout=subprocess.PIPE, check=True)
+        return report.stages_of(done.stdout)
+
+
+def main():
+    arguments = parse_arguments()
+    with contextlib.ExitStack() as stack:
+        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="dirwell-bench-")))
+        folder.chmod(0o755)
+        bench = Bench(arguments, folder, stack)
+        groups, idle = bench.measure()
+        if not arguments.no_videos:
+            groups["videos"] = bench.measure_videos()
+        stages = [] if arguments.no_stages else bench.measure_stages()
+    results = report.Results(groups, idle, stages, arguments)
+    print(results.text())
+    for path in results.write(arguments.output):
+        say(f"written: {path}")
+
+
+if __name__ == "__main__":
+    main()
