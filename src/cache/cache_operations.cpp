@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "cache/cache_store.h"
+#include "cache/cluster_counts.h"
+#include "cache/page_plan.h"
 #include "cache/statement.h"
 #include "cache/watch_times.h"
 #include "entry/paths.h"
@@ -124,14 +126,31 @@ class RowWriter {
   const ResourceEntry *previous_ = nullptr;
 };
 
-int writeEntries(RowWriter &writer, const std::vector<ResourceEntry> &entries) {
-  for (const ResourceEntry &entry : entries) {
+constexpr std::size_t names_ahead = 4;
+
+int writeEntries(RowWriter &writer, const std::vector<ResourceEntry> &entries, ClusterCounts &clusters) {
+  for (std::size_t place = 0; place < entries.size(); ++place) {
+    // Sorted names lie all over the memory: they are called for some rows ahead.
+    if (place + names_ahead < entries.size()) {
+      __builtin_prefetch(entries[place + names_ahead].name.data());
+    }
+    const ResourceEntry &entry = entries[place];
     if (const int result = writer.addEntry(entry); result != SQLITE_DONE) {
       return result;
     }
+    clusters.add(entry.cluster);
   }
   return SQLITE_DONE;
 }
+
+// Both give the same rows where the entries' numbers are their places in the listing; the second need not step over
+// the rows before the page.
+constexpr std::string_view page_by_count =
+    "SELECT cache.path, entry.name, entry.stat, cache.alias FROM cache, entry WHERE uuid = @uuid AND "
+    "cache.rowid = entry.path LIMIT @limit OFFSET @offset";
+constexpr std::string_view page_by_number =
+    "SELECT cache.path, entry.name, entry.stat, cache.alias FROM cache, entry WHERE uuid = @uuid AND "
+    "cache.rowid = entry.path AND entry.rowid > max(@offset, 0) LIMIT @limit";
 
 void logFailure(int result) {
   log_error("[cache] %s", sqlite3_errstr(result));
@@ -153,6 +172,7 @@ JsonRef CacheStore::set(const std::vector<ResourceEntry> &entries, ErrorRecord &
   ClientWatchdog::instance().stop();
   resetSchema();
   execute("PRAGMA mmap_size = 518348800;");
+  ClusterCounts clusters;
   int result = SQLITE_DONE;
   {
     RowWriter writer(db);
@@ -164,7 +184,7 @@ JsonRef CacheStore::set(const std::vector<ResourceEntry> &entries, ErrorRecord &
       return nullptr;
     }
     // Another request may have filled the tables since they were made: the folders' row numbers would be its own.
-    result = sqlite3_last_insert_rowid(db) == 1 ? writeEntries(writer, entries) : SQLITE_BUSY;
+    result = sqlite3_last_insert_rowid(db) == 1 ? writeEntries(writer, entries, clusters) : SQLITE_BUSY;
   }
   if (result != SQLITE_DONE) {
     logFailure(result);
@@ -172,12 +192,14 @@ JsonRef CacheStore::set(const std::vector<ResourceEntry> &entries, ErrorRecord &
     set_error(error, error_failed_operation, "cache failure");
     return nullptr;
   }
-  // Counted before others can write to the file again.
-  JsonRef summary = clusterSummary();
   commit();
+  if (index == 0) {
+    const PagePlan plan{.folders = 1, .total = static_cast<std::int64_t>(entries.size()), .by_number = true};
+    written = Written{plan, sqlite3_total_changes(db)};
+  }
   log_info("[cache] uuid %s created", uuid.c_str());
   JsonRef reply(json_object());
-  json_object_set_new(reply.get(), "cluster", summary.release());
+  json_object_set_new(reply.get(), "cluster", clusters.summary().release());
   json_object_set_new(reply.get(), "uuid", json_text(uuid).release());
   json_object_set_new(reply.get(), "total", json_integer(static_cast<json_int_t>(entries.size())));
   return reply;
@@ -188,17 +210,17 @@ JsonRef CacheStore::fetch(const std::string &listing, std::int64_t offset, std::
   if (error.code != error_none) {
     return nullptr;
   }
-  if (!hasUuid(listing)) {
+  // What has just been written to memory need not be counted again.
+  const bool known = written && listing == uuid && sqlite3_total_changes(db) == written->changes;
+  const PagePlan plan = known ? written->plan : planPage(db, listing);
+  if (plan.folders == 0) {
     log_warning("[cache] uuid %s invalid", listing.c_str());
     set_error(error, error_invalid_parameter, "invalid uuid");
     return nullptr;
   }
-  const std::int64_t total = countEntries(listing);
   JsonRef datas(json_array());
   {
-    Statement page(db,
-                   "SELECT cache.path, entry.name, entry.stat, cache.alias FROM cache, entry WHERE uuid = @uuid AND "
-                   "cache.rowid = entry.path LIMIT @limit OFFSET @offset");
+    Statement page(db, plan.by_number ? page_by_number : page_by_count);
     page.bind(page.parameter("@uuid"), listing);
     page.bind(page.parameter("@limit"), static_cast<std::int32_t>(limit));
     page.bind(page.parameter("@offset"), static_cast<std::int32_t>(offset));
@@ -216,7 +238,7 @@ JsonRef CacheStore::fetch(const std::string &listing, std::int64_t offset, std::
   }
   JsonRef reply(json_object());
   json_object_set_new(reply.get(), "datas", datas.release());
-  json_object_set_new(reply.get(), "total", json_integer(total));
+  json_object_set_new(reply.get(), "total", json_integer(plan.total));
   json_object_set_new(reply.get(), "changed", json_boolean(cacheChanged(index)));
   if (formatter) {
     formatter->formatSettings(reply.get());
@@ -250,10 +272,7 @@ JsonRef CacheStore::clusterSummary() {
                       "SELECT GROUP_CONCAT(DISTINCT cluster), count(*) FROM ( SELECT rowid id, cluster FROM entry ) "
                       "GROUP BY cluster ORDER BY MIN(id)");
   while (statement.step() == SQLITE_ROW) {
-    json_t *cluster = json_object();
-    json_object_set_new(cluster, "value", json_text(statement.text(0)).release());
-    json_object_set_new(cluster, "count", json_integer(statement.number(1)));
-    json_array_append_new(summary.get(), cluster);
+    json_array_append_new(summary.get(), clusterItem(statement.text(0), statement.number(1)).release());
   }
   return summary;
 }

@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "cache/plain_files.h"
+#include "cache/schema.h"
 #include "cache/statement.h"
 #include "service/log.h"
 #include "service/session.h"
@@ -16,17 +17,6 @@ namespace {
 constexpr const char *storage_options =
     "PRAGMA page_size = 32768; PRAGMA temp_store = MEMORY; PRAGMA synchronous = OFF; PRAGMA auto_vacuum = FULL; "
     "PRAGMA journal_mode = OFF;";
-
-constexpr const char *schema =
-    "DROP TABLE IF EXISTS cache; CREATE TABLE IF NOT EXISTS cache ( uuid TEXT NOT NULL DEFAULT '', path TEXT NOT NULL "
-    "DEFAULT '', alias TEXT NOT NULL DEFAULT '' ); DROP TABLE IF EXISTS entry; CREATE TABLE IF NOT EXISTS entry ( path "
-    "INT NOT NULL DEFAULT 0, name TEXT NOT NULL DEFAULT '', stat BLOB NOT NULL DEFAULT '', cluster TEXT NOT NULL "
-    "DEFAULT '' );";
-
-// How SQLite records the table that holds the paths.
-constexpr std::string_view recorded_cache_table =
-    "CREATE TABLE cache ( uuid TEXT NOT NULL DEFAULT '', path TEXT NOT NULL DEFAULT '', alias TEXT NOT NULL DEFAULT '' "
-    ")";
 
 constexpr int open_existing = SQLITE_OPEN_READWRITE;
 constexpr int open_fresh = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
@@ -174,6 +164,7 @@ void CacheStore::rollback() {
 }
 
 void CacheStore::resetSchema() {
+  written.reset();
   begin();
   if (db == nullptr || sqlite3_exec(db, schema, nullptr, nullptr, nullptr) != SQLITE_OK) {
     log_error("[cache] %s", lastError());

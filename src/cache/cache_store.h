@@ -13,11 +13,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "cache/cache_folder.h"
+#include "cache/page_plan.h"
 #include "describe/formatter.h"
 #include "entry/resource_entry.h"
 #include "service/error_record.h"
@@ -93,6 +95,12 @@ class CacheStore {
 
   std::size_t index = 0;
   std::string uuid;
+  // How the listing lies that set() wrote to memory, for as long as no row has been changed since.
+  struct Written {
+    PagePlan plan;
+    int changes = 0;
+  };
+  std::optional<Written> written;
   sqlite3 *db = nullptr;
   UErrorCode status = U_ZERO_ERROR;
   std::shared_ptr<icu::Transliterator> transliterator;

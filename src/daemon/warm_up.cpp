@@ -11,6 +11,7 @@
 
 #include "cache/cache_store.h"
 #include "cache/database_library.h"
+#include "daemon/resident_memory.h"
 #include "describe/formatter.h"
 #include "ordering/clusters.h"
 #include "ordering/sorters.h"
@@ -86,6 +87,7 @@ void warm_up() {
   warm_description();
   SMB_Free_Share_Info(SMB_Get_Share_Info());
   ::tzset();
+  release_unwritten_pages();
 }
 
 }  // namespace dirwell

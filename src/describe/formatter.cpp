@@ -98,8 +98,12 @@ struct Transcodes {
   int any = 0;  // all copies are there, or the media library has one
 };
 
-Transcodes findTranscodes(const ResourceEntry &entry, const std::string &path) {
+Transcodes findTranscodes(const ResourceEntry &entry, const std::string &path, bool thumbnailFolder) {
   Transcodes found;
+  if (!thumbnailFolder) {
+    found.any = MediaLib_Transcoding_CheckFile(media_library_video, path.c_str()) != 0 ? 1 : 0;
+    return found;
+  }
   const std::string copy = "/.@__thumb/transcode/" + entry.name;
   std::ranges::transform(transcode_table, found.flags.begin(), [&](const TranscodeRow &row) {
     return existsInListed(entry, std::string(copy).append(row.suffix));
@@ -149,7 +153,7 @@ void Formatter::formatSettings(json_t * /*object*/) {}
 
 json_t *LegacyFormatter::format(const ResourceEntry &entry) {
   if (!request) {
-    request.emplace(Request{ShareList(), Session::instance().user_name()});
+    request.emplace(Request{ShareList(), Session::instance().user_name(), {}});
   }
   const std::string path = fullPath(entry);
   const std::string virtualPlace = virtualDirectory(entry);
@@ -163,7 +167,8 @@ json_t *LegacyFormatter::format(const ResourceEntry &entry) {
   if (h265 != 0) {
     hasH265 = 1;
   }
-  const Transcodes transcodes = video ? findTranscodes(entry, path) : Transcodes();
+  const Companions &companions = companionsOf(entry.directory);
+  const Transcodes transcodes = video ? findTranscodes(entry, path, companions.thumbnails) : Transcodes();
   if (holds(projection_extensions, entry.extension)) {
     projectionType = probeProjection(path) == 1 ? 1 : 0;
   }
@@ -191,9 +196,9 @@ json_t *LegacyFormatter::format(const ResourceEntry &entry) {
   for (std::size_t row = 0; row < transcode_table.size(); ++row) {
     putInteger(object, transcode_table[row].key, transcodes.flags[row]);
   }
-  putInteger(object, "mp3", existsInListed(entry, "Video2audio/" + entry.name + ".mp3"));
+  putInteger(object, "mp3", companions.audio ? existsInListed(entry, "Video2audio/" + entry.name + ".mp3") : 0);
   putInteger(object, "play", entry.directory.view().rfind("@Transcode/") != 0 ? 1 : 0);
-  putInteger(object, "has_thumbnail", hasThumbnail(entry, mediaClass));
+  putInteger(object, "has_thumbnail", companions.thumbnails ? hasThumbnail(entry, mediaClass) : 0);
   putInteger(object, "acl", aclRight);
   putInteger(object, "trans", transcodes.any);
   putText(object, "randno", std::to_string(entry.stat.st_size) + std::to_string(entry.stat.st_mtime));
@@ -215,6 +220,19 @@ json_t *LegacyFormatter::format(const ResourceEntry &entry) {
     putText(object, "snapshot_mount_path", snapshot.mountPath);
   }
   return described.release();
+}
+
+// Most folders have neither, which spares every entry of theirs two looks.
+const LegacyFormatter::Companions &LegacyFormatter::companionsOf(std::string_view directory) {
+  const auto [place, unknown] = request->companions.try_emplace(std::string(directory));
+  if (unknown) {
+    const auto exists = [directory](const char *folder) {
+      struct ::stat status {};
+      return ::stat(joinPath({directory, folder}).c_str(), &status) == 0;
+    };
+    place->second = {exists(".@__thumb"), exists("Video2audio")};
+  }
+  return place->second;
 }
 
 void LegacyFormatter::formatSettings(json_t *object) {

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "describe/places.h"
 #include "entry/resource_entry.h"
@@ -31,11 +33,19 @@ class LegacyFormatter final : public Formatter {
   void formatSettings(json_t *object) override;
 
  private:
+  // Which of the folders stand in a directory that hold what belongs to its media files.
+  struct Companions {
+    bool thumbnails = false;
+    bool audio = false;
+  };
   // What all entries of the request share, asked for at the first of them.
   struct Request {
     ShareList shares;
     std::string userName;
+    std::unordered_map<std::string, Companions> companions;  // by directory, each looked at once
   };
+
+  const Companions &companionsOf(std::string_view directory);
 
   std::int32_t projectionType = 0;  // carried from one JPEG or MP4 entry to all that follow it
   std::int32_t aclRight = 0;

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "entry/huge_pages.h"
 #include "entry/paths.h"
 #include "service/unique_fd.h"
 
@@ -19,6 +20,10 @@ namespace {
 // Address space for this many records is taken at once, so that a growing listing is never copied; its memory is used
 // only as records come in.
 constexpr std::uint64_t most_reserved = 100'000;
+
+// A listing that has come to so many entries is likely to go on; a smaller one would pay for huge pages that it hardly
+// fills.
+constexpr std::size_t many_entries = 8'192;
 
 struct DirectoryRelease {
   void operator()(DIR *directory) const { ::closedir(directory); }
@@ -101,6 +106,10 @@ std::uint64_t walkDirectory(std::vector<ResourceEntry> &results, std::list<Resou
       }
       if (kept) {
         results.push_back(std::move(entry));
+        if (results.size() == many_entries && results.capacity() > many_entries) {
+          preferHugePages(results.data() + results.size(),
+                          (results.capacity() - results.size()) * sizeof(ResourceEntry));
+        }
       }
       if (recursive && S_ISDIR(status.st_mode)) {
         queue.push_back(below(folder, name));

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "entry/huge_pages.h"
+
 namespace dirwell {
 namespace {
 
@@ -27,6 +29,7 @@ void invert(unsigned char *first, unsigned char *last) {
 
 SortKey::SortKey(std::size_t expected) {
   arena_.reserve(expected * usual_length);
+  preferHugePages(arena_.data(), arena_.capacity());
 }
 
 void SortKey::start() {

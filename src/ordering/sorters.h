@@ -1,7 +1,8 @@
 // The order of a listing: a chain of sorters, each deciding by one key and handing the rest to the next.
 //
-// compare() is what defines the order. sort() produces it from keys that are made once per entry. A chain is used by
-// one thread at a time; the collator follows the ICU default locale at the time a sorter is made.
+// compare() is what defines the order. sort() produces it from keys that are made once per entry. Sorters are made by
+// one thread of a process and a chain is used by one thread at a time; the collator follows the ICU default locale at
+// the time a sorter is made.
 #pragma once
 
 #include <unicode/coll.h>

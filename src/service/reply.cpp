@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 #include "service/json.h"
 #include "service/log.h"
@@ -13,6 +14,8 @@
 namespace dirwell {
 
 namespace {
+
+constexpr std::string_view reply_head = "Content-Type: application/json; charset=utf-8\r\n\r\n";
 
 // Collects the serialiser's many small pieces, so that a page of entries costs a few writes and not some hundred
 // thousand.
@@ -66,10 +69,8 @@ int append_to_io(const char *data, std::size_t size, void *io) {
 
 // Write errors are not reported: they mean that the client is going away.
 void write_to_descriptor(int descriptor, const json_t *object) {
-  if (dirwell::dprintf(descriptor, "Content-Type: application/json; charset=utf-8\r\n\r\n") < 0) {
-    return;
-  }
   BufferedWriter writer(descriptor);
+  writer.append(reply_head.data(), reply_head.size());
   if (json_dump_callback(object, append_to_descriptor, &writer, reply_json_flags) == 0) {
     writer.flush();
   }

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 
 #include "platform/host/config.h"
@@ -17,18 +16,18 @@ int Get_ACL_User_Group_Security_For_Share(const char *user, const char *path) {
   if (path == nullptr) {
     return 0;
   }
-  // One call settles what is allowed everything and what is not there at all.
-  if (granted(R_OK | W_OK | X_OK)) {
-    return R_OK | W_OK | X_OK;
-  }
-  if (errno == ENOENT || errno == ENOTDIR) {
-    return 0;
-  }
+  // Reading and writing are asked for together: two calls settle most files and folders.
   int rights = 0;
-  for (const int right : std::array{R_OK, W_OK, X_OK}) {
-    rights |= granted(right) ? right : 0;
+  if (granted(R_OK | W_OK)) {
+    rights = R_OK | W_OK;
+  } else if (errno == ENOENT || errno == ENOTDIR) {
+    return 0;
+  } else if (granted(R_OK)) {
+    rights = R_OK;  // so it was the writing
+  } else if (granted(W_OK)) {
+    rights = W_OK;
   }
-  return rights;
+  return granted(X_OK) ? rights | X_OK : rights;
 }
 
 namespace {

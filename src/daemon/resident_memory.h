@@ -1,0 +1,11 @@
+// What the daemon keeps in memory while it waits.
+#pragma once
+
+namespace dirwell {
+
+// Gives back the pages of programs and libraries that nobody can have written to: code and constant data, collation
+// tables above all. They stay in the system's page cache and come back one by one as they are used. Forked processes
+// lose nothing, since such pages are not handed on in a fork. Never fails as a whole. Any thread.
+void release_unwritten_pages();
+
+}  // namespace dirwell
