@@ -1,6 +1,7 @@
 #include "daemon/resident_memory.h"
 
 #include <link.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -28,6 +29,10 @@ int release_segments(dl_phdr_info *object, std::size_t /*size*/, void * /*argume
 }
 
 }  // namespace
+
+void share_one_heap() {
+  ::mallopt(M_ARENA_MAX, 1);
+}
 
 void release_unwritten_pages() {
   ::dl_iterate_phdr(release_segments, nullptr);

@@ -3,6 +3,10 @@
 
 namespace dirwell {
 
+// Keeps to one heap for all threads: those of the daemon allocate little, and each heap more makes each fork dearer.
+// Before the first thread is started.
+void share_one_heap();
+
 // Gives back the pages of programs and libraries that nobody can have written to: code and constant data, collation
 // tables above all. They stay in the system's page cache and come back one by one as they are used. Forked processes
 // lose nothing, since such pages are not handed on in a fork. Never fails as a whole. Any thread.

@@ -14,6 +14,7 @@
 #include "daemon/options.h"
 #include "daemon/pid_file.h"
 #include "daemon/request_process.h"
+#include "daemon/resident_memory.h"
 #include "daemon/warm_up.h"
 #include "daemon/watchers.h"
 #include "listing/type_table.h"
@@ -84,6 +85,7 @@ int serve(const std::string &instance_name) {
 }  // namespace
 
 int run(int argc, char *argv[]) {
+  share_one_heap();
   Session &session = Session::instance();
   if (read_options(argc, argv) == StartUp::cleared) {
     return 0;

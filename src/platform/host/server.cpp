@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/redirect_error.hpp>
@@ -191,7 +192,7 @@ void Server::linger(const std::shared_ptr<Stream> &client) {
 asio::awaitable<void> Server::drain(std::shared_ptr<Stream> client) {
   constexpr std::size_t bytes_limit = 64UL * 1024 * 1024;
   const Clock::time_point deadline = Clock::now() + limits().linger;
-  std::vector<char> chunk(64UL * 1024);
+  std::array<char, 4096> chunk;  // a client that has its reply rarely sends more
   for (std::size_t dropped = 0; dropped < bytes_limit && Clock::now() < deadline && !bus_.stopping;) {
     const std::ptrdiff_t got = client->receive(chunk);
     if (got == 0) {
