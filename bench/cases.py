@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import resource
 import subprocess
 import time
 
@@ -46,7 +47,9 @@ class Program:
         process.stderr.close()
         if process.returncode != 0 or size == 0:
             raise RuntimeError(f"{self.command} ended with {process.returncode}, {size} bytes of output: {errors}")
-        return Measured(seconds, usage.ru_maxrss)
+        # A program's peak begins with that of the process that started it, which is this one.
+        known = usage.ru_maxrss > resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+        return Measured(seconds, usage.ru_maxrss if known else None)
 
 
 class Client:

@@ -59,7 +59,7 @@ class Series:
 
     def __init__(self, measured):
         self.seconds = [one.seconds for one in measured]
-        peaks = [one.peak for one in measured if one.peak]
+        peaks = [one.peak for one in measured if one.peak]  # none: too low to be told
         self.median = statistics.median(self.seconds)
         self.peak_mb = max(peaks) / 1024 if peaks else None
 
