@@ -90,13 +90,14 @@ class Request:
 class OwnRequest:
     """A request to the daemon, and the peak of its process's memory. Several requests give the median one."""
 
-    def __init__(self, client, daemon, endpoint, body, requests=1):
+    def __init__(self, client, daemon, endpoint, body, requests=1, code=0):
         self.client, self.daemon, self.endpoint, self.body, self.requests = client, daemon, endpoint, body, requests
+        self.expect = f'"error_code":{code}'
 
     def send(self, clients=1, requests=None, save=None):
         requests = requests or self.requests
         body = self.body() if callable(self.body) else self.body
-        report = self.client.send(self.daemon.target, f"/{self.endpoint}", body, requests, clients, '"error_code":0', save)
+        report = self.client.send(self.daemon.target, f"/{self.endpoint}", body, requests, clients, self.expect, save)
         return report, service.ended_requests(requests)
 
     def run(self):

@@ -119,7 +119,11 @@ class Bench:
         table = {"dirwell": self.fetch(self.flat[TINY], requests=max(20, 200 // self.scale))}
         if where:
             table["rclone rcd"] = self.remote_control(where, self.flat[TINY], requests=max(20, 200 // self.scale))
-        table["dirwell, 8 clients"] = cases.Load(table["dirwell"], CLIENTS, max(40, 2000 // self.scale))
+        # Refused before any work is done: what remains is the process of its own that every request is given.
+        table["refused request"] = cases.OwnRequest(self.client, self.daemon, "fetch.cache", b"{}",
+                                                    table["dirwell"].requests, code=2)
+        for name in ("dirwell", "refused request"):
+            table[f"{name}, 8 clients"] = cases.Load(table[name], CLIENTS, max(40, 2000 // self.scale))
         groups["small"] = rounds_of("20 entries", table, self.rounds)
 
         first = cases.FirstReply(self.binaries, self.data, service.request_body(self.flat[TINY]))

@@ -1,5 +1,7 @@
 #include "cache/page_plan.h"
 
+#include <string_view>
+
 #include "cache/schema.h"
 #include "cache/statement.h"
 
@@ -7,27 +9,21 @@ namespace dirwell {
 
 namespace {
 
-// Whether both tables are as resetSchema() makes them: only of these it is known what a row's number and path are.
+// Whether both tables are as resetSchema() makes them, and nothing else is there: only of these it is known what a
+// row's number and path are, and an index, or figures about the tables, would bring another order.
 bool holdsOwnTables(sqlite3 *connection) {
   Statement statement(connection,
-                      "SELECT count(*), sum(type = 'table' AND sql IN (@cache, @entry)) FROM sqlite_master "
-                      "WHERE name COLLATE NOCASE IN ('cache', 'entry')");
+                      "SELECT count(*), sum(type = 'table' AND sql IN (@cache, @entry)) FROM sqlite_master");
   statement.bind(statement.parameter("@cache"), recorded_cache_table);
   statement.bind(statement.parameter("@entry"), recorded_entry_table);
   return statement.step() == SQLITE_ROW && statement.number(0) == 2 && statement.number(1) == 2;
 }
 
-// How many entry rows there are if they are numbered 1, 2, 3 and so on without a gap; otherwise -1.
-std::int64_t rowsWithoutGap(sqlite3 *connection) {
-  Statement statement(connection,
-                      "SELECT (SELECT COUNT(*) FROM entry), (SELECT MIN(rowid) FROM entry), "
-                      "(SELECT MAX(rowid) FROM entry)");
-  if (statement.step() != SQLITE_ROW) {
-    return -1;
-  }
-  const std::int64_t count = statement.number(0);
-  const bool gapless = count == 0 || (statement.number(1) == 1 && statement.number(2) == count);
-  return gapless ? count : -1;
+// Whether the rows of a table are numbered 1, 2, 3 and so on. `sql` asks for the least and the greatest number of a
+// table that has `rows` rows at least; so when these are 1 and `rows`, each number is taken once.
+bool numberedFrom1(sqlite3 *connection, std::string_view sql, std::int64_t rows) {
+  Statement statement(connection, sql);
+  return rows > 0 && statement.step() == SQLITE_ROW && statement.number(0) == 1 && statement.number(1) == rows;
 }
 
 std::int64_t rowsWithUuid(sqlite3 *connection, const std::string &listing) {
@@ -42,6 +38,14 @@ std::int64_t entriesByRow(sqlite3 *connection, const std::string &listing) {
   return statement.step() == SQLITE_ROW ? statement.number(0) : 0;
 }
 
+// The same where the folder rows are the first `folders` numbers, all of them of the listing: half the time. A path
+// that is no whole number is no row's.
+std::int64_t entriesByPath(sqlite3 *connection, std::int64_t folders) {
+  Statement statement(connection, "SELECT COUNT(*) FROM entry WHERE path BETWEEN 1 AND @folders AND (path | 0) = path");
+  statement.bind(statement.parameter("@folders"), folders);
+  return statement.step() == SQLITE_ROW ? statement.number(0) : 0;
+}
+
 }  // namespace
 
 PagePlan planPage(sqlite3 *connection, const std::string &listing) {
@@ -50,9 +54,14 @@ PagePlan planPage(sqlite3 *connection, const std::string &listing) {
   if (plan.folders == 0) {
     return plan;
   }
-  plan.total = entriesByRow(connection, listing);
-  // Each entry belongs to one folder row: where there are as many entries as rows, none of the rows is another's.
-  plan.by_number = holdsOwnTables(connection) && rowsWithoutGap(connection) == plan.total;
+  const bool own = holdsOwnTables(connection);
+  const bool alone =
+      own &&
+      numberedFrom1(connection, "SELECT (SELECT MIN(rowid) FROM cache), (SELECT MAX(rowid) FROM cache)", plan.folders);
+  plan.total = alone ? entriesByPath(connection, plan.folders) : entriesByRow(connection, listing);
+  plan.by_number =
+      own &&
+      numberedFrom1(connection, "SELECT (SELECT MIN(rowid) FROM entry), (SELECT MAX(rowid) FROM entry)", plan.total);
   return plan;
 }
 

@@ -49,6 +49,11 @@ class Statement {
       sqlite3_bind_int(statement_, parameter, number);
     }
   }
+  void bind(int parameter, std::int64_t number) {
+    if (statement_ != nullptr) {
+      sqlite3_bind_int64(statement_, parameter, number);
+    }
+  }
   void bindBlob(int parameter, const void *bytes, int size) {
     if (statement_ != nullptr) {
       sqlite3_bind_blob(statement_, parameter, bytes, size, SQLITE_STATIC);
