@@ -13,8 +13,6 @@ PAGE = 500
 SORTS = ("date", "type", "size", "owner", "group", "permission")
 CLUSTERS = ("name", *SORTS)
 LANGUAGES = ("CZE", "JPN", "SCH", "THA")
-ENVIRONMENT = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "TZ": "UTC0",
-               "HOME": "/nonexistent"}
 
 
 class Measured:
@@ -34,7 +32,7 @@ class Program:
     def run(self):
         begin = time.monotonic()
         process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                   env=ENVIRONMENT)
+                                   env=service.ENVIRONMENT)
         output = process.stdout.fileno()
         size = 0
         while piece := os.read(output, 1 << 20):
@@ -199,7 +197,7 @@ class EachVideo:
         for video in self.videos:
             # Without an output file the tool describes its input and ends with an error.
             done = subprocess.run(["/usr/bin/ffmpeg", "-hide_banner", "-i", str(video)], stdin=subprocess.DEVNULL,
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, env=ENVIRONMENT, check=False)
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, env=service.ENVIRONMENT, check=False)
             if b"Video: h" not in done.stderr:
                 raise RuntimeError(f"{video} is no video: {done.stderr.decode(errors='replace')}")
         return Measured(time.monotonic() - begin)

@@ -79,7 +79,7 @@ class Bench:
         self.stack = stack
 
     def have(self, program):
-        return shutil.which(program, path=cases.ENVIRONMENT["PATH"]) is not None
+        return shutil.which(program, path=service.ENVIRONMENT["PATH"]) is not None
 
     def fetch(self, folder, requests=1, **keys):
         return cases.OwnRequest(self.client, self.daemon, "fetch.resource", service.request_body(folder, **keys), requests)
@@ -162,6 +162,7 @@ def main():
     with contextlib.ExitStack() as stack:
         folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="dirwell-bench-")))
         folder.chmod(0o755)
+        service.ENVIRONMENT["HOME"] = str(folder)  # some programs leave caches there
         bench = Bench(arguments, folder, stack)
         groups, idle = bench.measure()
         if not arguments.no_videos:

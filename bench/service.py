@@ -20,6 +20,7 @@ from harness.instance import Instance, wait_until  # noqa: E402  (the system tes
 
 PR_SET_CHILD_SUBREAPER = 36
 PEAK = re.compile(r"^(\w+):\s+(\d+) kB$", re.MULTILINE)
+ENVIRONMENT = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "TZ": "UTC0"}
 SHARE_WITHOUT_PROBES = 2  # videos on shares of this type are not opened
 
 
@@ -107,7 +108,7 @@ def running(command, answers, log):
     """A server, from its first answer on, for the length of a scope."""
     with open(log, "wb") as output:
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
-                                   start_new_session=True)
+                                   start_new_session=True, env=ENVIRONMENT)
     try:
         if not wait_until(lambda: process.poll() is not None or answers(), 20) or process.poll() is not None:
             raise RuntimeError(f"{command[0]} does not serve: {pathlib.Path(log).read_text()}")
