@@ -157,13 +157,43 @@ TEST_F(Plan, ReadsByCountWhereAnEntryIsNoneOfTheListing) {
                {"x'33'", 5, by_count}, {"zeroblob(0)", 5, false}, {"'2.0'", 6, by_number},    {"'3'", 6, by_number},
                {"2.0", 6, by_number},  {"1", 6, by_number},       {"' 2 '", 6, by_number},    {"'2x'", 5, by_count},
                {"2", 6, by_number},    {"'0x2'", 5, by_count},    {"4294967298", 5, by_count}};
+  for (const bool beside : {false, true}) {
+    for (const auto &row : table) {
+      SCOPED_TRACE(std::string(row.path) + (beside ? " beside another listing" : ""));
+      CacheStore store;
+      write(store, listingOf(6, 3));
+      if (beside) {
+        run(store.connection(), "INSERT INTO cache VALUES ('other', '/x', '/x')");
+      }
+      run(store.connection(), std::string("UPDATE entry SET path = ") + row.path + " WHERE rowid = 5");
+      EXPECT_THAT(planPage(store.connection(), uuid), FieldsAre(3, row.total, row.by_number));
+    }
+  }
+}
+
+TEST_F(Plan, CountsTheEntriesOfTheFoldersThatAreLeft) {
+  const struct {
+    const char *change;
+    std::int64_t folders;
+    std::int64_t total;
+    bool by_number;
+  } table[] = {
+      {"DELETE FROM cache WHERE rowid = 1", 2, 6, by_number},
+      {"DELETE FROM cache WHERE rowid = 2", 2, 3, by_count},
+      {"DELETE FROM cache WHERE rowid = 3", 2, 3, by_count},
+      {"UPDATE cache SET uuid = 'other' WHERE rowid = 1", 2, 6, by_number},
+      {"UPDATE cache SET uuid = 'other' WHERE rowid = 2", 2, 3, by_count},
+      {"UPDATE cache SET rowid = 9 WHERE rowid = 3", 3, 3, by_count},
+      {"UPDATE cache SET rowid = -1 WHERE rowid = 1", 3, 6, by_number},
+      {"UPDATE cache SET rowid = 0 WHERE rowid = 2", 3, 3, by_count},
+      {"UPDATE entry SET path = 1; UPDATE cache SET rowid = 4 WHERE rowid = 1", 3, 0, by_count},
+  };
   for (const auto &row : table) {
-    SCOPED_TRACE(row.path);
+    SCOPED_TRACE(row.change);
     CacheStore store;
     write(store, listingOf(6, 3));
-    run(store.connection(), "INSERT INTO cache VALUES ('other', '/x', '/x')");
-    run(store.connection(), std::string("UPDATE entry SET path = ") + row.path + " WHERE rowid = 5");
-    EXPECT_THAT(planPage(store.connection(), uuid), FieldsAre(3, row.total, row.by_number));
+    run(store.connection(), row.change);
+    EXPECT_THAT(planPage(store.connection(), uuid), FieldsAre(row.folders, row.total, row.by_number));
   }
 }
 
