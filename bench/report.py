@@ -192,7 +192,13 @@ class Results:
         return report, plot
 
     def draw(self, path):
-        import matplotlib  # only here: a machine without it still measures
+        # The library keeps a cache of the machine's fonts where it is told to; here it goes with the run.
+        with tempfile.TemporaryDirectory() as cache:
+            os.environ["MPLCONFIGDIR"] = cache
+            self.draw_with_library(path)
+
+    def draw_with_library(self, path):
+        import matplotlib  # only here, where its cache has a place
 
         matplotlib.use("svg")
         matplotlib.rcParams["svg.hashsalt"] = "dirwell"

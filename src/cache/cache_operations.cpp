@@ -126,9 +126,6 @@ class RowWriter {
   const ResourceEntry *previous_ = nullptr;
 };
 
-// A listing is read where it lies in the system's page cache. A file that is cut off meanwhile ends the process.
-constexpr const char *memory_mapping = "PRAGMA mmap_size = 518348800;";
-
 constexpr std::size_t names_ahead = 4;
 
 int writeEntries(RowWriter &writer, const std::vector<ResourceEntry> &entries, ClusterCounts &clusters) {
@@ -174,7 +171,7 @@ JsonRef CacheStore::set(const std::vector<ResourceEntry> &entries, ErrorRecord &
   }
   ClientWatchdog::instance().stop();
   resetSchema();
-  execute(memory_mapping);
+  execute("PRAGMA mmap_size = 518348800;");
   ClusterCounts clusters;
   int result = SQLITE_DONE;
   {
@@ -213,7 +210,7 @@ JsonRef CacheStore::fetch(const std::string &listing, std::int64_t offset, std::
   if (error.code != error_none) {
     return nullptr;
   }
-  execute(memory_mapping);
+  // Not mapped for reading: a file that is cut off, or has a hole on a full disk, would end the process.
   // What has just been written to memory need not be counted again.
   const bool known = written && listing == uuid && sqlite3_total_changes(db) == written->changes;
   const PagePlan plan = known ? written->plan : planPage(db, listing);

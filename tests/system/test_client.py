@@ -206,8 +206,8 @@ def test_an_ordinary_user_lists_with_its_own_instance(make_instance):
 def test_dev_alone_prints_its_commands_a_line_each():
     result = subprocess.run([str(TOP / "dev")], capture_output=True, text=True, timeout=60, cwd="/tmp")
     assert (result.returncode, result.stderr) == (0, "")
-    assert [line.split()[1] for line in result.stdout.splitlines()] == ["build", "test", "run", "format", "lint",
-                                                                        "install"]
+    assert [line.split()[1] for line in result.stdout.splitlines()] == ["build", "test", "run", "bench", "format",
+                                                                        "lint", "install"]
 
 
 def test_dev_refuses_what_it_does_not_know():
