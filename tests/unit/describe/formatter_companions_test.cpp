@@ -116,6 +116,8 @@ TEST_F(CompanionFolders, OfTheListedDirectoryServeItsSubfolders) {
   writeThumbnails(folder);
   writeAudio(folder);
   EXPECT_THAT(companionsOf(entryBelow(folder.path(), "/sub", "clip.mkv")), ElementsAre(1, 1, 1));
+  folder.write("plain/clip.mkv");
+  EXPECT_THAT(companionsOf(entryBelow(folder.path(), "/plain", "clip.mkv")), ElementsAre(1, 1, 1));
 }
 
 TEST_F(CompanionFolders, OfADirectoryBehindALinkAreItsOwn) {
