@@ -157,6 +157,99 @@ TEST_F(NameSorterOrder, FollowsTheLanguageAtTheTimeItIsMade) {
   EXPECT_THAT(sortedBy<NameSorter>(false, names), ElementsAre("chata", "cukr", "hora", "ost", "zeta", "öl"));
 }
 
+TEST_F(NameSorterOrder, FollowsTheLanguageThereAndBackAgain) {
+  const std::vector<std::string> names{"zeta", "öl", "ost", "chata", "cukr", "hora"};
+  const auto english = ElementsAre("chata", "cukr", "hora", "öl", "ost", "zeta");
+  const auto swedish = ElementsAre("chata", "cukr", "hora", "ost", "zeta", "öl");
+  const auto czech = ElementsAre("cukr", "hora", "chata", "öl", "ost", "zeta");
+  std::vector<std::shared_ptr<Sorter>> sorters;
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_THAT(sortedBy<NameSorter>(false, names), english);
+    for (const char *id : {"sv_SE", "cs_CZ"}) {
+      ScopedLocale locale(id);
+      sorters.push_back(chain<NameSorter>(false));
+    }
+  }
+  for (std::size_t place = 0; place < sorters.size(); place += 2) {
+    EXPECT_THAT(sortedNames(*sorters[place], listingOf(names)), swedish);
+    EXPECT_THAT(sortedNames(*sorters[place + 1], listingOf(names)), czech);
+  }
+}
+
+// Locales of one language and country that differ in their collation are told apart too.
+TEST_F(NameSorterOrder, FollowsTheCollationThatALocaleAsksFor) {
+  const std::vector<std::string> names{"af", "ä", "ad"};
+  for (int round = 0; round < 2; ++round) {
+    {
+      ScopedLocale locale("de_DE");
+      EXPECT_THAT(sortedBy<NameSorter>(false, names), ElementsAre("ä", "ad", "af"));
+    }
+    ScopedLocale locale("de_DE@collation=phonebook");
+    EXPECT_THAT(sortedBy<NameSorter>(false, names), ElementsAre("ad", "ä", "af"));
+  }
+}
+
+// A sorter whose collator the test can change.
+class OwnCollator final : public Sorter {
+ public:
+  OwnCollator() : Sorter(false) {}
+  using Sorter::collate;
+  [[nodiscard]] icu::Collator *icu() const { return collator.get(); }
+
+  void set(UColAttribute attribute, UColAttributeValue value) const {
+    UErrorCode result = U_ZERO_ERROR;
+    collator->setAttribute(attribute, value, result);
+    EXPECT_TRUE(U_SUCCESS(result));
+  }
+  [[nodiscard]] std::vector<UColAttributeValue> attributes() const {
+    UErrorCode result = U_ZERO_ERROR;
+    std::vector<UColAttributeValue> values;
+    for (const UColAttribute attribute :
+         {UCOL_NUMERIC_COLLATION, UCOL_NORMALIZATION_MODE, UCOL_STRENGTH, UCOL_CASE_FIRST}) {
+      values.push_back(collator->getAttribute(attribute, result));
+    }
+    EXPECT_TRUE(U_SUCCESS(result));
+    return values;
+  }
+};
+
+TEST_F(SorterBase, HasTheSameCollationWhicheverOfALocaleItIs) {
+  for (const char *id : {"en_US", "ja_JP", "da_DK"}) {
+    ScopedLocale locale(id);
+    for (int count = 0; count < 3; ++count) {
+      EXPECT_THAT(std::make_shared<OwnCollator>()->attributes(),
+                  ElementsAre(UCOL_ON, UCOL_ON, UCOL_TERTIARY, UCOL_LOWER_FIRST))
+          << id;
+    }
+  }
+}
+
+TEST_F(SorterBase, SharesNoCollatorWithAnother) {
+  const auto first = std::make_shared<OwnCollator>();
+  const auto second = std::make_shared<OwnCollator>();
+  EXPECT_NE(first->icu(), second->icu());
+  first->set(UCOL_NUMERIC_COLLATION, UCOL_OFF);
+  first->set(UCOL_STRENGTH, UCOL_PRIMARY);
+  first->set(UCOL_CASE_FIRST, UCOL_UPPER_FIRST);
+  const auto third = std::make_shared<OwnCollator>();
+  EXPECT_THAT(first->attributes(), ElementsAre(UCOL_OFF, UCOL_ON, UCOL_PRIMARY, UCOL_UPPER_FIRST));
+  for (const auto &other : {second, third}) {
+    EXPECT_THAT(other->attributes(), ElementsAre(UCOL_ON, UCOL_ON, UCOL_TERTIARY, UCOL_LOWER_FIRST));
+    EXPECT_EQ(other->collate("a10", "a9"), UCOL_GREATER);
+    EXPECT_EQ(other->collate("a", "A"), UCOL_LESS);
+  }
+  EXPECT_EQ(first->collate("a10", "a9"), UCOL_LESS);
+  EXPECT_EQ(first->collate("a", "A"), UCOL_EQUAL);
+}
+
+TEST_F(SorterBase, OutlivesTheOthersOfItsLocale) {
+  auto first = std::make_shared<OwnCollator>();
+  const auto second = std::make_shared<OwnCollator>();
+  first.reset();
+  EXPECT_EQ(second->collate("a10", "a9"), UCOL_GREATER);
+  EXPECT_EQ(std::make_shared<OwnCollator>()->collate("é", "f"), UCOL_LESS);
+}
+
 struct Verdict {
   std::string a;
   std::string b;
