@@ -1,6 +1,8 @@
 #include "platform/include/strata_nasacl.h"
 
 #include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -55,6 +57,79 @@ TEST_F(Access, AddsReadWriteAndExecute) {
     const std::string path = file(("owned" + std::to_string(bits)).c_str(), static_cast<mode_t>(bits << 6), user, 0);
     EXPECT_EQ(right_of_user(path), bits);
   }
+}
+
+TEST_F(Access, AddsThemInEachClassAndForFolders) {
+  for (int bits = 0; bits < 8; ++bits) {
+    SCOPED_TRACE(bits);
+    const std::string suffix = std::to_string(bits);
+    const auto mode = static_cast<mode_t>(bits);
+    EXPECT_EQ(right_of_user(file(("grouped" + suffix).c_str(), mode << 3, 0, group)), bits);
+    EXPECT_EQ(right_of_user(file(("others" + suffix).c_str(), mode, 0, 0)), bits);
+    EXPECT_EQ(right_of_user(file(("denied" + suffix).c_str(), 0777 & ~(mode << 6), user, group)), 7 - bits);
+    const std::string subfolder = folder.mkdir("folder" + suffix);
+    ASSERT_EQ(::chmod(subfolder.c_str(), mode), 0);
+    EXPECT_EQ(right_of_user(subfolder), bits);
+  }
+}
+
+// The superuser reads and writes everything, and executes what anyone may execute.
+TEST_F(Access, OfTheSuperuserLacksExecutionAlone) {
+  const struct {
+    mode_t mode;
+    int right;
+  } rows[] = {{0, 6}, {0400, 6}, {0200, 6}, {0100, 7}, {0010, 7}, {0001, 7}, {0777, 7}, {0666, 6}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.mode);
+    const std::string path = file(("root" + std::to_string(row.mode)).c_str(), row.mode, user, group);
+    EXPECT_EQ(Get_ACL_User_Group_Security_For_Share("root", path.c_str()), row.right);
+  }
+  const std::string closed = folder.mkdir("closed");
+  ASSERT_EQ(::chmod(closed.c_str(), 0), 0);
+  EXPECT_EQ(Get_ACL_User_Group_Security_For_Share("root", closed.c_str()), 7);
+}
+
+TEST_F(Access, OfOthersIsNoneOnWhatDoesNotExist) {
+  const std::string plain = file("plain", 0777, user, group);
+  EXPECT_EQ(right_of_user(plain), 7);
+  EXPECT_EQ(right_of_user(folder.at("missing")), 0);
+  EXPECT_EQ(right_of_user(plain + "/x"), 0);
+  EXPECT_EQ(right_of_user(plain + "/"), 0);
+  EXPECT_EQ(right_of_user(""), 0);
+  EXPECT_EQ(right_of_user(std::string(10'000, 'x')), 0);
+  EXPECT_EQ(right_of_user(folder.path() + "/" + std::string(300, 'x')), 0);
+}
+
+TEST_F(Access, OfOthersEndsAtAFolderThatTheyMayNotPass) {
+  folder.write("closed/missing/none", "");
+  const std::string inner = folder.write("closed/inner", "x");
+  ASSERT_EQ(::chmod(inner.c_str(), 0777), 0);
+  for (const mode_t mode : {0700U, 0766U, 0771U}) {
+    SCOPED_TRACE(mode);
+    ASSERT_EQ(::chmod(folder.at("closed").c_str(), mode), 0);
+    EXPECT_EQ(right_of_user(inner), mode == 0771U ? 7 : 0);
+    EXPECT_EQ(right_of_user(inner + "s"), 0);
+  }
+}
+
+// Where nothing can be written, reading and executing are allowed all the same.
+TEST_F(Access, OfAReadOnlyMountLacksWriting) {
+  const std::string mount = folder.mkdir("mount");
+  for (const mode_t mode : {0777U, 0666U, 0333U, 0222U, 0111U}) {
+    const std::string path = file(("mount/" + std::to_string(mode)).c_str(), mode, user, group);
+  }
+  const int status = in_child([&] {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount(mount.c_str(), mount.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+        ::mount("none", mount.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+      ::_exit(100);
+    }
+    const auto right = [&](mode_t mode) { return right_of_user(mount + "/" + std::to_string(mode)); };
+    const std::vector<int> of_user{right(0777U), right(0666U), right(0333U), right(0222U), right(0111U)};
+    const int of_root = Get_ACL_User_Group_Security_For_Share("root", (mount + "/" + std::to_string(0222U)).c_str());
+    ::_exit((of_user == std::vector{5, 4, 1, 0, 1} ? 0 : 1) + (of_root == 4 ? 0 : 2));
+  });
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(Access, CountsTheClassThatAppliesToTheEffectiveIdentity) {
