@@ -1,9 +1,11 @@
 #include "daemon/resident_memory.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <jansson.h>
 #include <malloc.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
 #include <unicode/coll.h>
 #include <unicode/translit.h>
 #include <unistd.h>
@@ -19,6 +21,7 @@
 
 #include "service/json.h"
 #include "support/environment.h"
+#include "support/temp_dir.h"
 
 namespace dirwell {
 namespace {
@@ -155,6 +158,25 @@ TEST(ReleaseUnwrittenPages, KeepsWhatTheProcessWrote) {
                               std::string(::getenv("DIRWELL_TEST_VALUE")) == "kept"
                           ? 0
                           : 1);
+            }),
+            0);
+}
+
+// As relocated data is, and code that a debugger has changed.
+TEST(ReleaseUnwrittenPages, KeepsPagesThatWereWrittenBeforeTheyWereProtected) {
+  const test::TempDir folder;
+  const std::string path = folder.write("mapped", std::string(3 * 4096, 'f'));
+  EXPECT_EQ(in_child([&path] {
+              const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+              void *memory = ::mmap(nullptr, std::size_t{3} * 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE, file, 0);
+              if (memory == MAP_FAILED) {
+                ::_exit(2);
+              }
+              auto *bytes = static_cast<volatile char *>(memory);
+              bytes[4096] = 'w';
+              ::mprotect(memory, std::size_t{3} * 4096, PROT_READ);
+              release_unwritten_pages();
+              ::_exit(bytes[0] == 'f' && bytes[4096] == 'w' && bytes[4097] == 'f' && bytes[8192] == 'f' ? 0 : 1);
             }),
             0);
 }
