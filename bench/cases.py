@@ -5,6 +5,7 @@ import os
 import pathlib
 import resource
 import subprocess
+import tempfile
 import time
 
 import service
@@ -30,24 +31,31 @@ class Program:
         self.command = [str(word) for word in command]
 
     def run(self):
-        begin = time.monotonic()
-        process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                   env=service.ENVIRONMENT)
-        output = process.stdout.fileno()
-        size = 0
-        while piece := os.read(output, 1 << 20):
-            size += len(piece)
-        _, status, usage = os.wait4(process.pid, 0)
-        seconds = time.monotonic() - begin
-        process.returncode = os.waitstatus_to_exitcode(status)
-        errors = process.stderr.read().decode(errors="replace")
-        process.stdout.close()
-        process.stderr.close()
-        if process.returncode != 0 or size == 0:
-            raise RuntimeError(f"{self.command} ended with {process.returncode}, {size} bytes of output: {errors}")
+        with tempfile.TemporaryFile() as errors:
+            begin = time.monotonic()
+            process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors,
+                                       env=service.ENVIRONMENT)
+            self.output = []
+            while piece := os.read(process.stdout.fileno(), 1 << 20):
+                self.output.append(piece)
+            _, status, usage = os.wait4(process.pid, 0)
+            seconds = time.monotonic() - begin
+            process.returncode = os.waitstatus_to_exitcode(status)
+            process.stdout.close()
+            if process.returncode != 0:
+                errors.seek(0)
+                raise RuntimeError(f"{self.command} ended with {process.returncode}: {errors.read().decode(errors='replace')}")
         # A program's peak begins with that of the process that started it, which is this one.
         known = usage.ru_maxrss > resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
         return Measured(seconds, usage.ru_maxrss if known else None)
+
+    def check(self, entries):
+        """Fails unless it told of so many entries: the floor in a number, the others in a line each at least."""
+        self.run()
+        output = b"".join(self.output)
+        told = int(output) if output.strip().isdigit() else output.count(b"\n")
+        if told < entries or (output.strip().isdigit() and told != entries):
+            raise RuntimeError(f"{self.command} tells of {told} entries and not of {entries}")
 
 
 class Client:
@@ -84,6 +92,13 @@ class Request:
         seconds = sorted(report["seconds"])
         return Measured(seconds[len(seconds) // 2])
 
+    def check(self, entries):
+        save = self.client.folder / "reply"
+        self.client.send(self.where, self.target, self.body, save=save)
+        told = save.read_bytes().count(b'"') // 4  # each entry has a name and a value with quotes at least
+        if told < entries:
+            raise RuntimeError(f"{self.target} tells of {told} entries at most and not of {entries}")
+
 
 class OwnRequest:
     """A request to the daemon, and the peak of its process's memory. Several requests give the median one."""
@@ -108,6 +123,17 @@ class OwnRequest:
         save = self.client.folder / "reply"
         self.send(requests=1, save=save)
         return json.loads(save.read_bytes())
+
+    def check(self, entries):
+        """Fails unless the whole listing and its first page came, and groups where groups were asked for."""
+        reply = self.reply()
+        request = json.loads(self.body() if callable(self.body) else self.body)
+        offset = request.get("offset", 0)
+        page = min(PAGE, entries - offset)
+        if reply["total"] != entries or len(reply["datas"]) != page:
+            raise RuntimeError(f"a listing of {entries} tells {reply['total']}, {len(reply['datas'])} of them described")
+        if "cluster" in request and len(reply["cluster"]) < 2:
+            raise RuntimeError(f"no clusters: {reply['cluster']}")
 
 
 class Load:
@@ -165,6 +191,12 @@ class CreateCache(OwnRequest):
         report, peaks = self.send(save=save)
         self.uuid = json.loads(save.read_bytes())["uuid"]
         return Measured(report["seconds"][0], max(peaks))
+
+    def check(self, entries):
+        self.run()
+        reply = json.loads((self.client.folder / "created").read_bytes())
+        if reply["total"] != entries:
+            raise RuntimeError(f"a kept listing of {entries} tells {reply['total']}")
 
     def page(self, offset):
         return OwnRequest(self.client, self.daemon, "fetch.cache",

@@ -39,6 +39,7 @@ struct Options {
   std::string body_file;
   std::string expected;  // what the body has to hold
   std::string save;
+  std::vector<std::string> headers;
   unsigned clients = 1;
   unsigned requests = 1;  // in all
 };
@@ -56,6 +57,13 @@ Request requestOf(const Options &options) {
   Request request(post ? http::verb::post : http::verb::get, options.target, 11);
   request.set(http::field::host, "localhost");
   request.keep_alive(false);
+  for (const std::string &header : options.headers) {
+    const std::size_t colon = header.find(": ");
+    if (colon == std::string::npos) {
+      throw std::runtime_error("no header: " + header);
+    }
+    request.insert(header.substr(0, colon), header.substr(colon + 2));
+  }
   if (post) {
     std::ifstream file(options.body_file, std::ios::binary);
     if (!file) {
@@ -170,6 +178,7 @@ int main(int argc, char **argv) {
   app.add_option("--body", options.body_file, "file with the body to POST (default: GET)");
   app.add_option("--expect", options.expected, "text that every body has to hold");
   app.add_option("--save", options.save, "file for one of the bodies");
+  app.add_option("--header", options.headers, "a further header field, \"Name: value\"");
   app.add_option("--clients", options.clients, "how many send at once")->check(CLI::PositiveNumber);
   app.add_option("--requests", options.requests, "how many, of all clients together")->check(CLI::PositiveNumber);
   CLI11_PARSE(app, argc, argv);

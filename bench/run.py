@@ -9,9 +9,11 @@ import argparse
 import contextlib
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 
 import cases
 import data
@@ -50,10 +52,10 @@ def rounds_of(title, table, rounds):
     return found
 
 
-def check_listing(request, total):
-    reply = request.reply()
-    if reply["total"] != total or len(reply["datas"]) != min(cases.PAGE, total):
-        raise RuntimeError(f"a listing of {total} tells {reply['total']}, {len(reply['datas'])} of them described")
+def check(table, entries):
+    """That what is going to be measured is what is meant."""
+    for case in table.values():
+        case.check(entries)
 
 
 class Bench:
@@ -90,13 +92,9 @@ class Bench:
 
     def measure(self):
         groups = {}
-        idle = self.daemon.memory()
         where = None
         if self.have("rclone"):
             where = self.stack.enter_context(service.rclone_daemon(self.folder))
-        check_listing(self.fetch(self.flat[LARGE]), self.sizes[LARGE])
-        check_listing(self.fetch(self.tree, recursive=True), self.sizes[LARGE])
-
         table = cases.of_programs(self.floor, self.flat[LARGE], False, self.have)
         if where:
             table["rclone rcd"] = self.remote_control(where, self.flat[LARGE])
@@ -104,21 +102,26 @@ class Bench:
             static = self.stack.enter_context(service.static_server(self.folder, self.data))
             table["static server"] = cases.Request(self.client, static, f"/flat-{LARGE}/")
         table |= cases.own_listings(self.client, self.daemon, self.flat[LARGE], self.sizes[LARGE])
+        check(table, self.sizes[LARGE])
         groups["flat"] = rounds_of("flat folder", table, self.rounds)
 
         table = cases.of_programs(self.floor, self.tree, True, self.have)
         table["dirwell"] = self.fetch(self.tree, recursive=True)
+        check(table, self.sizes[LARGE])
         groups["tree"] = rounds_of("tree", table, self.rounds)
 
         table = {}
-        for size in (MIDDLE, SMALL):
-            table[f"floor {size}"] = cases.Program([self.floor, self.flat[size]])
-            table[f"dirwell {size}"] = self.fetch(self.flat[size], requests=5)
+        for size in (LARGE, MIDDLE, SMALL):
+            some = {f"floor {size}": cases.Program([self.floor, self.flat[size]]),
+                    f"dirwell {size}": self.fetch(self.flat[size], requests=3)}
+            check(some, self.sizes[size])
+            table |= some
         groups["growth"] = rounds_of("growth", table, self.rounds)
 
         table = {"dirwell": self.fetch(self.flat[TINY], requests=max(20, 200 // self.scale))}
         if where:
             table["rclone rcd"] = self.remote_control(where, self.flat[TINY], requests=max(20, 200 // self.scale))
+        check(table, self.sizes[TINY])
         # Refused before any work is done: what remains is the process of its own that every request is given.
         table["refused request"] = cases.OwnRequest(self.client, self.daemon, "fetch.cache", b"{}",
                                                     table["dirwell"].requests, code=2)
@@ -129,7 +132,8 @@ class Bench:
         first = cases.FirstReply(self.binaries, self.data, service.request_body(self.flat[TINY]))
         self.stack.callback(first.close)
         groups["start"] = rounds_of("start", {"first reply": first}, self.rounds)
-        return groups, idle
+        time.sleep(2)  # the end of what the last requests left to be done
+        return groups, self.daemon.memory()
 
     def measure_videos(self):
         """A page of short videos where the tool looks into each, the same page where it does not, and the tool alone."""
@@ -145,6 +149,7 @@ class Bench:
                 "page without the tool": cases.OwnRequest(self.client, closed, "fetch.resource", body),
                 "the tool alone": cases.EachVideo(sorted(videos.iterdir())),
             }
+            check({name: table[name] for name in ("page", "page without the tool")}, count)
             if sum(entry["is_h265"] for entry in table["page"].reply()["datas"]) != (count + 1) // 2:
                 raise RuntimeError("the videos' streams are not recognised")
             return rounds_of("videos", table, min(3, self.rounds))
@@ -157,8 +162,14 @@ class Bench:
         return report.stages_of(done.stdout)
 
 
+def end(number, _):
+    raise SystemExit(128 + number)
+
+
 def main():
     arguments = parse_arguments()
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, end)  # so that all is taken down again
     with contextlib.ExitStack() as stack:
         folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="dirwell-bench-")))
         folder.chmod(0o755)

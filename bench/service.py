@@ -1,11 +1,13 @@
 """The daemon under measurement and the other servers beside it."""
 
+import base64
 import contextlib
 import ctypes
 import json
 import os
 import pathlib
 import re
+import secrets
 import shutil
 import signal
 import socket
@@ -19,7 +21,7 @@ sys.path.insert(0, str(TOP / "tests/system"))
 from harness.instance import Instance, wait_until  # noqa: E402  (the system tests' private instances)
 
 PR_SET_CHILD_SUBREAPER = 36
-PEAK = re.compile(r"^(\w+):\s+(\d+) kB$", re.MULTILINE)
+SIZE = re.compile(r"^(\w+):\s+(\d+) kB$", re.MULTILINE)
 ENVIRONMENT = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "TZ": "UTC0"}
 SHARE_WITHOUT_PROBES = 2  # videos on shares of this type are not opened
 
@@ -32,12 +34,15 @@ def adopt_orphans():
 
 
 def ended_requests(count, seconds=30):
-    """Waits for the end of so many adopted request processes; returns their peaks of memory in kB."""
+    """Waits for the end of so many adopted request processes; returns their peaks of memory in kB. No other child of this
+    process may end meanwhile."""
     peaks = []
     end = time.monotonic() + seconds
     while len(peaks) < count:
         done = os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT)
         if done is not None:
+            if done.si_pid in Service.daemons:
+                raise RuntimeError("the daemon has died")
             peaks.append(os.wait4(done.si_pid, 0)[2].ru_maxrss)
         elif time.monotonic() > end:
             raise RuntimeError("a request process does not end")
@@ -49,6 +54,8 @@ def ended_requests(count, seconds=30):
 class Service:
     """The daemon on a private root. `shares` as (name, path, type)."""
 
+    daemons = set()  # ids of those that run
+
     def __init__(self, binaries, *shares):
         os.environ["DIRWELL_BUILD"] = str(binaries)
         self.instance = Instance()
@@ -59,9 +66,11 @@ class Service:
 
     def __enter__(self):
         self.instance.start()
+        self.daemons.add(self.instance.process.pid)
         return self
 
     def __exit__(self, *_):
+        self.daemons.discard(self.instance.process.pid)
         self.instance.finish()
 
     @property
@@ -89,7 +98,7 @@ class Service:
     def memory(self):
         """Of the idle daemon, in kB: resident, and private to it."""
         text = pathlib.Path(f"/proc/{self.instance.process.pid}/smaps_rollup").read_text()
-        sizes = {name: int(size) for name, size in PEAK.findall(text)}
+        sizes = {name: int(size) for name, size in SIZE.findall(text)}
         return {"resident": sizes["Rss"], "private": sizes["Private_Clean"] + sizes["Private_Dirty"]}
 
 
@@ -115,7 +124,11 @@ def running(command, answers, log):
         yield
     finally:
         process.send_signal(signal.SIGTERM)
-        process.wait(20)
+        try:
+            process.wait(20)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
 
 
 def connects(family, address):
@@ -125,11 +138,14 @@ def connects(family, address):
 
 @contextlib.contextmanager
 def rclone_daemon(folder):
-    """rclone's remote control over TCP; gives the client's options."""
+    """rclone's remote control over TCP, closed to the other users of the machine; gives the client's options."""
     port = free_port()
-    command = ["rclone", "rcd", "--rc-no-auth", "--rc-addr", f"127.0.0.1:{port}", "--config", f"{folder}/rclone.conf"]
+    password = secrets.token_hex(16)
+    command = ["rclone", "rcd", "--rc-user", "bench", "--rc-pass", password, "--rc-addr", f"127.0.0.1:{port}", "--config",
+               f"{folder}/rclone.conf"]
     with running(command, lambda: connects(socket.AF_INET, ("127.0.0.1", port)), f"{folder}/rclone.log"):
-        yield ["--port", str(port)]
+        token = base64.b64encode(f"bench:{password}".encode()).decode()
+        yield ["--port", str(port), "--header", f"Authorization: Basic {token}"]
 
 
 @contextlib.contextmanager

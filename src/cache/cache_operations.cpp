@@ -171,6 +171,7 @@ JsonRef CacheStore::set(const std::vector<ResourceEntry> &entries, ErrorRecord &
   }
   ClientWatchdog::instance().stop();
   resetSchema();
+  // For writing only: reading a mapped file that is cut off, or has a hole on a full disk, would end the process.
   execute("PRAGMA mmap_size = 518348800;");
   ClusterCounts clusters;
   int result = SQLITE_DONE;
@@ -210,7 +211,6 @@ JsonRef CacheStore::fetch(const std::string &listing, std::int64_t offset, std::
   if (error.code != error_none) {
     return nullptr;
   }
-  // Not mapped for reading: a file that is cut off, or has a hole on a full disk, would end the process.
   // What has just been written to memory need not be counted again.
   const bool known = written && listing == uuid && sqlite3_total_changes(db) == written->changes;
   const PagePlan plan = known ? written->plan : planPage(db, listing);

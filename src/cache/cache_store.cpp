@@ -76,12 +76,6 @@ void dediacritical(sqlite3_context *context, int count, sqlite3_value **values) 
   sqlite3_result_text(context, result.data(), static_cast<int>(result.size()), SQLITE_TRANSIENT);
 }
 
-std::int64_t countOf(sqlite3 *connection, std::string_view sql, const std::string &listing) {
-  Statement statement(connection, sql);
-  statement.bind(statement.parameter("@uuid"), listing);
-  return statement.step() == SQLITE_ROW ? statement.number(0) : 0;
-}
-
 }  // namespace
 
 CacheStore::CacheStore(std::size_t cacheIndex, bool fresh) : index(cacheIndex) {
@@ -199,11 +193,11 @@ std::vector<std::string> CacheStore::cachedPaths() {
 }
 
 std::int64_t CacheStore::countEntries(const std::string &listing) {
-  return countOf(db, "SELECT COUNT(*) FROM cache, entry WHERE uuid = @uuid AND cache.rowid = entry.path", listing);
+  return entryRows(db, listing);
 }
 
 bool CacheStore::hasUuid(const std::string &listing) {
-  return countOf(db, "SELECT COUNT(*) FROM cache WHERE uuid = @uuid", listing) != 0;
+  return folderRows(db, listing) != 0;
 }
 
 void CacheStore::removeFile() {

@@ -95,7 +95,8 @@ class CacheStore {
 
   std::size_t index = 0;
   std::string uuid;
-  // How the listing lies that set() wrote to memory, for as long as no row has been changed since.
+  // How the listing lies that set() wrote to memory, for as long as no row has been changed since; tables are only
+  // changed by resetSchema().
   struct Written {
     PagePlan plan;
     int changes = 0;

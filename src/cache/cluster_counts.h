@@ -1,6 +1,7 @@
 // How many entries of a listing each cluster has.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <unordered_map>
@@ -13,7 +14,8 @@ namespace dirwell {
 // One item of a summary: {"value": cluster, "count": entries}.
 JsonRef clusterItem(std::string_view cluster, std::int64_t count);
 
-// Counts while a listing is written: what CacheStore::clusterSummary() finds in the rows, without reading them again.
+// One thread at a time. Counts while a listing is written: what CacheStore::clusterSummary() finds in the rows, without
+// reading them again.
 class ClusterCounts {
  public:
   // The next entry's cluster; the text must live as long as this object.

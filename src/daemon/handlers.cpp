@@ -104,16 +104,14 @@ void fetch_resource_handler(hx_request * /*request*/, hx_io *io, json_t *object,
   ResourceQuery query;
   parseResourceQuery(query, object, record);
   json_object_clear(object);
+  std::vector<ResourceEntry> entries;  // taken apart behind the reply: only the client's wait counts
   if (record.code == error_none) {
     ClientWatchdog::instance().start(io, watchdog_seconds);
-    const std::vector<ResourceEntry> entries = walk(query);
+    entries = walk(query);
     CacheStore store;
     json_merge(object, store.set(entries, record));
     const auto formatter = std::make_shared<LegacyFormatter>();
     json_merge(object, store.fetchOwn(query.pageOffset, query.pageLimit, formatter, record));
-    // Only the client's wait counts: a large listing and its store are taken apart behind the reply.
-    write_reply(io, descriptor, object, record);
-    return;
   }
   write_reply(io, descriptor, object, record);
 }

@@ -1,31 +1,55 @@
 #include "daemon/resident_memory.h"
 
-#include <link.h>
 #include <malloc.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <cstddef>
 #include <cstdint>
-#include <span>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
 
 namespace dirwell {
 
 namespace {
 
-int release_segments(dl_phdr_info *object, std::size_t /*size*/, void * /*argument*/) {
-  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-  const std::span<const ElfW(Phdr)> headers(object->dlpi_phdr, object->dlpi_phnum);
-  for (const ElfW(Phdr) & header : headers) {
-    // What the loader writes to, and protects afterwards, lies in writable segments.
-    if (header.p_type != PT_LOAD || (header.p_flags & PF_W) != 0) {
-      continue;
+struct Mapping {
+  std::uintptr_t begin = 0;
+  std::uintptr_t end = 0;
+};
+
+// The parts of files that are mapped read-only and of which no page has become the process's own, by relocation, by a
+// debugger or otherwise.
+std::vector<Mapping> unwritten_mappings() {
+  std::vector<Mapping> found;
+  std::ifstream file("/proc/self/smaps");
+  Mapping mapping;
+  bool of_file = false;
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream words(line);
+    std::string first;
+    words >> first;
+    unsigned long long begin = 0;
+    unsigned long long end = 0;
+    if (std::sscanf(first.c_str(), "%llx-%llx", &begin, &end) == 2) {
+      std::string rights;
+      std::string offset;
+      std::string device;
+      std::string inode;
+      std::string path;
+      words >> rights >> offset >> device >> inode >> path;
+      mapping = {static_cast<std::uintptr_t>(begin), static_cast<std::uintptr_t>(end)};
+      of_file = rights.size() == 4 && rights[1] == '-' && rights[3] == 'p' && path.starts_with('/');
+    } else if (first == "Anonymous:") {
+      unsigned long own = 1;
+      words >> own;
+      if (of_file && own == 0) {
+        found.push_back(mapping);
+      }
     }
-    const std::uintptr_t begin = (object->dlpi_addr + header.p_vaddr) & ~(page - 1);
-    const std::uintptr_t end = object->dlpi_addr + header.p_vaddr + header.p_filesz;
-    ::madvise(reinterpret_cast<void *>(begin), end - begin, MADV_DONTNEED);
   }
-  return 0;
+  return found;
 }
 
 }  // namespace
@@ -35,7 +59,10 @@ void share_one_heap() {
 }
 
 void release_unwritten_pages() {
-  ::dl_iterate_phdr(release_segments, nullptr);
+  // Listed first: reading on while pages go would only bring some of them back.
+  for (const Mapping &mapping : unwritten_mappings()) {
+    ::madvise(reinterpret_cast<void *>(mapping.begin), mapping.end - mapping.begin, MADV_DONTNEED);
+  }
 }
 
 }  // namespace dirwell

@@ -4,7 +4,7 @@
 namespace dirwell {
 
 // Keeps to one heap for all threads: those of the daemon allocate little, and each heap more makes each fork dearer.
-// Before the first thread is started.
+// Before the first thread is started; a C library that refuses leaves all as it is.
 void share_one_heap();
 
 // Gives back the pages of programs and libraries that nobody can have written to: code and constant data, collation

@@ -11,6 +11,7 @@
 
 #include "cache/cache_store.h"
 #include "cache/database_library.h"
+#include "cache/page_plan.h"
 #include "daemon/resident_memory.h"
 #include "describe/formatter.h"
 #include "ordering/clusters.h"
@@ -47,12 +48,10 @@ void warm_database() {
   prepare_database_library();
   CacheStore store;
   store.resetSchema();
-  store.hasUuid({});
-  store.countEntries({});
-  store.clusterSummary();
+  planPage(store.connection(), {});
 }
 
-// Binds what the libraries below bind at their first call.
+// Binds what the libraries below bind at their first call. A record without mode and extension starts no program.
 void warm_description() {
   ResourceEntry entry = ResourceEntry::queuedDirectory("/", {}, "/");
   // No account has this id, so that no name is remembered before its time.
@@ -64,7 +63,8 @@ void warm_description() {
   std::free(json_dumps(described.get(), JSON_COMPACT));
 }
 
-// An id without a name is asked of every source that the machine has, which loads them all.
+// An id without a name is asked of every source that the machine has, which loads them all. Each request's groups are
+// asked of them too, so a source that does not answer would hold up the requests as it holds up the start.
 void warm_name_service() {
   constexpr id_t nobodys_id = 0xFFFFFFF0;
   std::array<char, 1024> buffer;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <new>
@@ -163,7 +164,11 @@ json_t *LegacyFormatter::format(const ResourceEntry &entry) {
   const bool video = mediaClass == class_video;
   const std::int32_t shareType = request->shares.typeOf(path);
 
-  const int h265 = video && !holds(closed_share_types, shareType) ? probeH265(entry, path) : 0;
+  const bool opened = video && !holds(closed_share_types, shareType);
+  const int h265 = opened ? probeH265(entry, path) : 0;
+  if (opened) {
+    request->companions.clear();  // the tool takes its time, and a copy may have come meanwhile
+  }
   if (h265 != 0) {
     hasH265 = 1;
   }
@@ -222,13 +227,14 @@ json_t *LegacyFormatter::format(const ResourceEntry &entry) {
   return described.release();
 }
 
-// Most folders have neither, which spares every entry of theirs two looks.
+// Most folders have neither, which spares every entry of theirs two looks. What cannot be told counts as there: then
+// the entry's own files are looked for.
 const LegacyFormatter::Companions &LegacyFormatter::companionsOf(std::string_view directory) {
   const auto [place, unknown] = request->companions.try_emplace(std::string(directory));
   if (unknown) {
     const auto exists = [directory](const char *folder) {
       struct ::stat status {};
-      return ::stat(joinPath({directory, folder}).c_str(), &status) == 0;
+      return ::stat(joinPath({directory, folder}).c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
     };
     place->second = {exists(".@__thumb"), exists("Video2audio")};
   }

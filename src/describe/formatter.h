@@ -33,7 +33,7 @@ class LegacyFormatter final : public Formatter {
   void formatSettings(json_t *object) override;
 
  private:
-  // Which of the folders stand in a directory that hold what belongs to its media files.
+  // Which of the folders may stand in a directory that hold what belongs to its media files.
   struct Companions {
     bool thumbnails = false;
     bool audio = false;
@@ -42,7 +42,7 @@ class LegacyFormatter final : public Formatter {
   struct Request {
     ShareList shares;
     std::string userName;
-    std::unordered_map<std::string, Companions> companions;  // by directory, each looked at once
+    std::unordered_map<std::string, Companions> companions;  // by directory, each looked at once between videos
   };
 
   const Companions &companionsOf(std::string_view directory);

@@ -131,6 +131,14 @@ Indices merged(Indices order, std::vector<std::size_t> runs, const StrictlyBefor
   return order;
 }
 
+// An entry lies on several lines of the processor's cache.
+void prefetch(const ResourceEntry &entry) {
+  constexpr std::size_t line = 64;
+  for (std::size_t offset = 0; offset < sizeof entry; offset += line) {
+    __builtin_prefetch(reinterpret_cast<const char *>(&entry) + offset);
+  }
+}
+
 }  // namespace
 
 Indices keyOrder(const std::vector<ResourceEntry> &entries, Sorter &sorter) {
@@ -141,18 +149,6 @@ Indices keyOrder(const std::vector<ResourceEntry> &entries, Sorter &sorter) {
   std::vector<std::size_t> runs = runsOf(order, trusted, before);
   return merged(std::move(order), std::move(runs), before);
 }
-
-namespace {
-
-// An entry lies on several lines of the processor's cache.
-void prefetch(const ResourceEntry &entry) {
-  constexpr std::size_t line = 64;
-  for (std::size_t offset = 0; offset < sizeof entry; offset += line) {
-    __builtin_prefetch(reinterpret_cast<const char *>(&entry) + offset);
-  }
-}
-
-}  // namespace
 
 void arrange(std::vector<ResourceEntry> &entries, Indices order) {
   for (std::uint32_t start = 0; start < order.size(); ++start) {

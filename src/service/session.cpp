@@ -79,8 +79,9 @@ bool Session::alive() {
 }
 
 Session::GroupArray Session::look_up_groups(int &count) const {
-  // Not zeroed: few groups are the rule, and clearing the rest took longer than the look-up.
-  auto array = std::make_unique_for_overwrite<gid_t[]>(group_capacity);
+  // Zeroed only where all of it is told: few groups are the rule, and clearing the rest took longer than the look-up.
+  auto array = log_enabled(Severity::trace) ? std::make_unique<gid_t[]>(group_capacity)
+                                            : std::make_unique_for_overwrite<gid_t[]>(group_capacity);
   int capacity = group_capacity;
   count = ::getgrouplist(user_name().c_str(), gid_, array.get(), &capacity);
   return array;
@@ -100,8 +101,7 @@ bool Session::seteuser(bool restore) {
                           (errno == EPERM && ::geteuid() != 0);
   if (log_enabled(Severity::trace)) {
     for (int index = 0; index < group_capacity; ++index) {
-      const gid_t gid = index < count ? array[static_cast<std::size_t>(index)] : 0;
-      log_trace(identity_place, "[session] gid = %d", static_cast<int>(gid));
+      log_trace(identity_place, "[session] gid = %d", static_cast<int>(array[static_cast<std::size_t>(index)]));
     }
   }
   const gid_t gid = restore ? ::getgid() : gid_;

@@ -51,7 +51,8 @@ class Session {
   ~Session() = default;
 
   using GroupArray = std::unique_ptr<gid_t[]>;
-  // The groups in an array of full size, undefined beyond `count`, which is negative when the lookup fails.
+  // The groups in an array of full size, undefined beyond `count` unless traces are logged; it is negative when the
+  // lookup fails.
   GroupArray look_up_groups(int &count) const;
 
   uid_t uid_ = 0;

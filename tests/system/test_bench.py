@@ -32,24 +32,18 @@ def test_a_small_run_of_the_bench_writes_figures_and_a_plot(tmp_path):
     assert {"work", "value", "limit", "unit", "met"} == set(results["targets"][0])
     (plot,) = tmp_path.glob("*.svg")
     assert xml.etree.ElementTree.parse(plot).getroot().tag == "{http://www.w3.org/2000/svg}svg"
-    assert set(glob.glob(f"{tempfile.gettempdir()}/dirwell-*")) == before, "something is left behind"
+    assert set(glob.glob(f"{tempfile.gettempdir()}/dirwell-*")) <= before, "something is left behind"
 
 
 def test_the_bench_fails_where_a_reply_is_not_what_is_measured(tmp_path):
-    """A daemon that lists nothing must not look fast."""
-    binaries = tmp_path / "binaries"
-    (binaries / "bench").mkdir(parents=True)
-    for name in ("dirwell", "dirwellctl", "bench/bench_floor", "bench/bench_client"):
-        (binaries / name).symlink_to(binary_folder() / name)
-    hidden = tmp_path / "data"
-    hidden.mkdir()
+    """Here every folder holds an entry less than it should; a listing cut short must not look fast."""
     script = ("import sys; sys.argv[0] = {run!r}; sys.path.insert(0, {folder!r})\n"
               "import data\nreal = data.make_flat\n"
               "data.make_flat = lambda folder, entries: real(folder, entries - 1)\n"
               "import run\nrun.main()\n").format(run=str(TOP / "bench/run.py"), folder=str(TOP / "bench"))
-    done = subprocess.run(["/usr/bin/python3", "-c", script, "--binaries", str(binaries), "--scale", "500", "--rounds", "1",
+    done = subprocess.run(["/usr/bin/python3", "-c", script, "--binaries", str(binary_folder()), "--scale", "500", "--rounds", "1",
                            "--output", str(tmp_path / "results"), "--no-stages", "--no-videos"],
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120, check=False)
     assert done.returncode != 0
-    assert "a listing of 200 tells 199" in done.stderr.decode()
+    assert "tells of 199 entries and not of 200" in done.stderr.decode()
     assert not (tmp_path / "results").exists()

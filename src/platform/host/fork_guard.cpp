@@ -130,9 +130,11 @@ Guarded::~Guarded() {
     return;
   }
   const std::lock_guard lock(state().mutex);
-  Identity &identity = state().at(descriptor_);
-  if (identity == Identity{device_, inode_}) {
-    identity = {};
+  // A child's table is empty.
+  auto &descriptors = state().descriptors;
+  const auto place = static_cast<std::size_t>(descriptor_);
+  if (place < descriptors.size() && descriptors[place] == Identity{device_, inode_}) {
+    descriptors[place] = {};
   }
 }
 
