@@ -97,6 +97,7 @@ TEST_F(ClusterCountsOfAStore, AreWhatTheRowsTell) {
 
 TEST_F(ClusterCountsOfAStore, AreWhatTheRowsTellOfManyClusters) {
   std::vector<std::string> clusters;
+  clusters.reserve(6000);
   for (int i = 0; i < 6000; ++i) {
     clusters.push_back("cluster " + std::to_string(i % 2500));
   }

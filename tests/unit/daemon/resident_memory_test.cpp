@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <jansson.h>
 #include <malloc.h>
 #include <sqlite3.h>
@@ -17,7 +18,9 @@
 #include <fstream>
 #include <latch>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "service/json.h"
 #include "support/environment.h"
@@ -152,10 +155,11 @@ TEST(ReleaseUnwrittenPages, KeepsWhatTheProcessWrote) {
               zeroed_number = 7;
               ::setenv("DIRWELL_TEST_VALUE", "kept", 1);
               release_unwritten_pages();
+              const char *value = ::getenv("DIRWELL_TEST_VALUE");
               const bool content = std::count(own.begin(), own.end(), 'x') == 20'000'000;
               const bool resident = kilobytes("RssAnon") - before > 19'000;
-              ::_exit(content && resident && changed_number == 6 && zeroed_number == 7 &&
-                              std::string(::getenv("DIRWELL_TEST_VALUE")) == "kept"
+              ::_exit(content && resident && changed_number == 6 && zeroed_number == 7 && value != nullptr &&
+                              std::string(value) == "kept"
                           ? 0
                           : 1);
             }),
@@ -165,7 +169,7 @@ TEST(ReleaseUnwrittenPages, KeepsWhatTheProcessWrote) {
 // As relocated data is, and code that a debugger has changed.
 TEST(ReleaseUnwrittenPages, KeepsPagesThatWereWrittenBeforeTheyWereProtected) {
   const test::TempDir folder;
-  const std::string path = folder.write("mapped", std::string(3 * 4096, 'f'));
+  const std::string path = folder.write("mapped", std::string(std::size_t{3} * 4096, 'f'));
   EXPECT_EQ(in_child([&path] {
               const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
               void *memory = ::mmap(nullptr, std::size_t{3} * 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE, file, 0);
@@ -313,6 +317,7 @@ TEST(ShareOneHeap, ServesThreadsThatAllocateAtTheSameTime) {
               share_one_heap();
               std::array<std::size_t, 4> sums{};
               std::vector<std::thread> threads;
+              threads.reserve(sums.size());
               for (std::size_t &sum : sums) {
                 threads.emplace_back([&sum] {
                   for (std::size_t round = 1; round <= 20'000; ++round) {

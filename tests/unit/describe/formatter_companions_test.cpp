@@ -1,4 +1,6 @@
 // Thumbnails, transcoded copies and audio copies: what stands beside the entries of a listed directory.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,6 +1,7 @@
 #include "platform/include/strata_nasacl.h"
 
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
