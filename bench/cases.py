@@ -166,7 +166,7 @@ class FirstReply:
 def of_programs(floor, folder, recursive, have):
     """The programs that list a folder; those that this machine has."""
     find = ["find", folder, "-mindepth", "1", *([] if recursive else ["-maxdepth", "1"]), "-printf",
-            r"%f\t%s\t%m\t%u\t%g\t%T@\n"]
+            r"%f\t%s\t%m\t%U\t%G\t%T@\n"]
     level = [] if recursive else ["-L", "1"]
     deep = ["-R"] if recursive else []
     table = {

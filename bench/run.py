@@ -23,6 +23,7 @@ import service
 LARGE, MIDDLE, SMALL = 100_000, 10_000, 1_000
 TINY = 20
 CLIENTS = 8
+SETTLING = 0.2  # seconds; a server may tidy up after its reply, which is not to fall on the next case
 
 
 def parse_arguments():
@@ -47,6 +48,7 @@ def rounds_of(title, table, rounds, warm_up=True):
         say(f"{title}: {'warming up' if number == 0 else f'round {number} of {rounds}'}")
         for name, case in table.items():
             measured = case.run()
+            time.sleep(SETTLING)
             if number > 0:
                 found[name].append(measured)
     return found

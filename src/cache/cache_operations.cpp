@@ -87,7 +87,8 @@ class RowWriter {
     }
     entries_.reset();
     if (new_run) {
-      if (const int result = addFolder(next_folder_, virtualDirectory(entry)); result != SQLITE_DONE) {
+      joinPath(alias_, {entry.displayDirectory, entry.subPath});
+      if (const int result = addFolder(next_folder_, alias_); result != SQLITE_DONE) {
         return result;
       }
       folder_.swap(next_folder_);
@@ -107,7 +108,7 @@ class RowWriter {
         entry.subPath.same_object(previous_->subPath)) {
       return false;
     }
-    next_folder_ = directoryPath(entry);
+    joinPath(next_folder_, {entry.directory, entry.subPath});
     return next_folder_ != folder_;
   }
 
@@ -123,6 +124,7 @@ class RowWriter {
   std::int32_t folder_row_ = 1;
   std::string folder_;  // path of folder_row_
   std::string next_folder_;
+  std::string alias_;  // of the folder added last
   const ResourceEntry *previous_ = nullptr;
 };
 

@@ -2,12 +2,12 @@
 
 namespace dirwell {
 
-std::string joinPath(std::initializer_list<std::string_view> pieces) {
+void joinPath(std::string &path, std::initializer_list<std::string_view> pieces) {
+  path.clear();
   std::size_t size = 0;
   for (const std::string_view piece : pieces) {
     size += piece.size() + 1;
   }
-  std::string path;
   path.reserve(size);
   for (const std::string_view piece : pieces) {
     if (piece.empty()) {
@@ -18,6 +18,11 @@ std::string joinPath(std::initializer_list<std::string_view> pieces) {
     }
     path += piece;
   }
+}
+
+std::string joinPath(std::initializer_list<std::string_view> pieces) {
+  std::string path;
+  joinPath(path, pieces);
   return path;
 }
 

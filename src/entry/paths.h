@@ -11,6 +11,8 @@ namespace dirwell {
 
 // The non-empty pieces in order, each with "/" in front unless it begins with one. Doubled slashes stay.
 std::string joinPath(std::initializer_list<std::string_view> pieces);
+// The same in the memory of a path that is not needed any more; none of the pieces may lie in it.
+void joinPath(std::string &path, std::initializer_list<std::string_view> pieces);
 
 std::string fullPath(const ResourceEntry &entry);          // directory, subPath, name
 std::string displayPath(const ResourceEntry &entry);       // displayDirectory, subPath, name

@@ -33,6 +33,14 @@ TEST(JoinPath, KeepsBytesThatAreNoText) {
   EXPECT_EQ(joinPath({"/s", "\xFF\xC3"}), "/s/\xFF\xC3");
 }
 
+TEST(JoinPath, ReplacesWhatAReusedPathHeld) {
+  std::string path = "something longer than what comes now";
+  joinPath(path, {"/share", "", "b"});
+  EXPECT_EQ(path, "/share/b");
+  joinPath(path, {});
+  EXPECT_EQ(path, "");
+}
+
 TEST(EntryPaths, JoinTheFourTextsOfAnEntry) {
   const ResourceEntry entry = ResourceEntry::fromName("/share/root", "/a/b", "c.txt", "/Shown");
   EXPECT_EQ(fullPath(entry), "/share/root/a/b/c.txt");
