@@ -53,8 +53,9 @@ class Program:
         """Fails unless it told of so many entries: the floor in a number, the others in a line each at least."""
         self.run()
         output = b"".join(self.output)
-        told = int(output) if output.strip().isdigit() else output.count(b"\n")
-        if told < entries or (output.strip().isdigit() and told != entries):
+        number = output.strip().isdigit()
+        told = int(output) if number else output.count(b"\n")
+        if told != entries if number else told < entries:
             raise RuntimeError(f"{self.command} tells of {told} entries and not of {entries}")
 
 

@@ -200,11 +200,8 @@ class Results:
         """The files' names tell the machine, so that results of several machines stand side by side."""
         folder.mkdir(parents=True, exist_ok=True)
         name = re.sub(r"[^a-z0-9]+", "-", self.machine["cpu"].lower()).strip("-") + f"-{self.machine['cores']}-cores"
-        report = folder / f"{name}.json"
-        report.write_text(json.dumps(self.as_json(), indent=1) + "\n")
-        plot = folder / f"{name}.svg"
-        self.draw(plot)
-        return report, plot
+        (folder / f"{name}.json").write_text(json.dumps(self.as_json(), indent=1) + "\n")
+        self.draw(folder / f"{name}.svg")
 
     def draw(self, path):
         # The library keeps a cache of the machine's fonts where it is told to; here it goes with the run.

@@ -101,14 +101,12 @@ struct Transcodes {
 
 Transcodes findTranscodes(const ResourceEntry &entry, const std::string &path, bool thumbnailFolder) {
   Transcodes found;
-  if (!thumbnailFolder) {
-    found.any = MediaLib_Transcoding_CheckFile(media_library_video, path.c_str()) != 0 ? 1 : 0;
-    return found;
+  if (thumbnailFolder) {
+    const std::string copy = "/.@__thumb/transcode/" + entry.name;
+    std::ranges::transform(transcode_table, found.flags.begin(), [&](const TranscodeRow &row) {
+      return existsInListed(entry, std::string(copy).append(row.suffix));
+    });
   }
-  const std::string copy = "/.@__thumb/transcode/" + entry.name;
-  std::ranges::transform(transcode_table, found.flags.begin(), [&](const TranscodeRow &row) {
-    return existsInListed(entry, std::string(copy).append(row.suffix));
-  });
   found.any = !holds(found.flags, 0) || MediaLib_Transcoding_CheckFile(media_library_video, path.c_str()) != 0 ? 1 : 0;
   return found;
 }
