@@ -31,10 +31,14 @@ std::int64_t numberedFrom1(sqlite3 *connection, std::string_view sql) {
   return statement.step() == SQLITE_ROW && statement.number(0) == 1 ? statement.number(1) : 0;
 }
 
-// Entries whose path is one of the first `folders` row numbers.
+// Entries whose path is one of the first `folders` row numbers, and a whole number rather than a text that reads like
+// one. Nearly every listing is of one folder, so has two rows (the folder and the listing's own); each row is asked
+// about faster then. The plus takes the column's affinity away, which would turn such texts into numbers.
 std::int64_t entriesOfFirst(sqlite3 *connection, std::int64_t folders) {
-  Statement statement(connection,
-                      "SELECT COUNT(*) FROM entry WHERE path BETWEEN 1 AND @folders AND typeof(path) = 'integer'");
+  constexpr std::string_view of_two = "SELECT COUNT(*) FROM entry WHERE +path IN (1, @folders)";
+  constexpr std::string_view of_many =
+      "SELECT COUNT(*) FROM entry WHERE path BETWEEN 1 AND @folders AND typeof(path) = 'integer'";
+  Statement statement(connection, folders <= 2 ? of_two : of_many);
   statement.bind(statement.parameter("@folders"), folders);
   return statement.step() == SQLITE_ROW ? statement.number(0) : 0;
 }

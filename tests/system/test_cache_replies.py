@@ -6,6 +6,7 @@ import pytest
 
 from harness.caches import (UNKNOWN, caching_instance, changed, create, database, delete, followed, heard, made, names,
                             outcome, page, places, wait_watched, watches)
+from harness.instance import wait_until
 from harness.tree import make_file, make_folder
 
 SETTINGS = {"has_h265": 0, "medialib": 1, "rtt_support": 0, "medialib_enable": 0, "is_acl_enable": 0,
@@ -296,9 +297,9 @@ def test_parameters_of_the_bus_count_before_the_body(daemon, share):
 def test_the_reply_to_a_create_does_not_wait_for_the_watch(daemon, share):
     """The daemon cannot be reached any more once the request runs: the reply is the same, and nothing is watched."""
     make_file(share / "a")
-    followed(daemon, share)
     other = make_folder(share / "other")
     make_file(other / "b")
+    followed(daemon, share)  # nothing changes in it from here on
     watching = watches(daemon, 1)
     connection = daemon.connection()
     aside = daemon.socket.with_name("aside")
@@ -309,6 +310,8 @@ def test_the_reply_to_a_create_does_not_wait_for_the_watch(daemon, share):
         body = connection.getresponse().read()
         assert re.fullmatch(rb'\{"cluster":\[\{"value":"","count":1\}\],"uuid":"([0-9a-f-]{36})","total":1,"error_code":0,'
                             rb'"error_message":""\}', body)
+        # The process asks for the watch behind its reply, so the way back is given only once it has ended.
+        assert wait_until(lambda: not daemon.request_processes())
     finally:
         connection.close()
         aside.rename(daemon.socket)

@@ -2,6 +2,8 @@
 
 import fcntl
 import os
+import pathlib
+import re
 import shutil
 import signal
 import struct
@@ -55,6 +57,18 @@ def test_a_cache_is_fresh_until_something_changes_and_again_after_the_next_creat
     again = followed(daemon, share)
     assert changed(daemon, again) is False
     assert names(page(daemon, again)) == ["a", "b"]
+
+
+def test_watching_leaves_no_more_of_the_libraries_in_memory_than_waiting_does(daemon, share):
+    def of_files():
+        status = pathlib.Path(f"/proc/{daemon.process.pid}/status").read_text(encoding="utf-8")
+        return int(re.search(r"RssFile:\s+(\d+) kB", status).group(1))
+
+    make_file(share / "a")
+    before = of_files()
+    for _ in range(5):
+        followed(daemon, share)
+    assert wait_until(lambda: of_files() < before + 1024)
 
 
 def test_the_flag_is_a_boolean(daemon, share):

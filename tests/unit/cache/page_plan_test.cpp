@@ -177,6 +177,46 @@ TEST_F(Plan, ReadsByCountWhereAnEntryIsNoneOfTheListing) {
   }
 }
 
+TEST_F(Plan, ReadsByCountWhereAnEntryIsNotOfTheOnlyFolder) {
+  const struct {
+    const char *path;
+    std::int64_t total;
+    bool by_number;
+  } table[] = {{"0", 5, by_count},     {"3", 5, by_count},     {"-2", 5, by_count},    {"1.5", 5, by_count},
+               {"1e300", 5, by_count}, {"'far'", 5, by_count}, {"x'32'", 5, by_count}, {"'2x'", 5, by_count},
+               {"1", 6, by_number},    {"2.0", 6, by_number},  {"'2'", 6, by_number},  {"4294967298", 5, by_count}};
+  for (const auto &row : table) {
+    SCOPED_TRACE(row.path);
+    CacheStore store;
+    write(store, listingOf(6, 6));
+    run(store.connection(), std::string("UPDATE entry SET path = ") + row.path + " WHERE rowid = 5");
+    EXPECT_THAT(planPage(store.connection(), uuid), FieldsAre(2, row.total, row.by_number));
+  }
+}
+
+// A column of whole numbers turns such a text into a number as it is written, but what a file really holds can be
+// otherwise.
+TEST_F(Plan, ReadsByCountWhereAPathIsATextThatReadsLikeARow) {
+  for (const int folders : {1, 2}) {
+    std::filesystem::remove(file(1));
+    {
+      CacheStore store(1, true);
+      write(store, listingOf(6, 6 / folders));
+      store.commit();
+    }
+    OtherConnection other(file(1));
+    other.run(
+        "PRAGMA writable_schema = ON;"
+        "UPDATE sqlite_master SET sql = replace(sql, 'path INT NOT', 'path TEXT NOT') WHERE name = 'entry';"
+        "PRAGMA writable_schema = RESET; UPDATE entry SET path = '2' WHERE rowid = 5; PRAGMA writable_schema = ON;"
+        "UPDATE sqlite_master SET sql = replace(sql, 'path TEXT NOT', 'path INT NOT') WHERE name = 'entry';"
+        "PRAGMA writable_schema = RESET");
+    ASSERT_THAT(rows(other.handle(), "SELECT typeof(path) FROM entry WHERE rowid = 5"), ElementsAre("text"));
+    CacheStore store(1, false);
+    EXPECT_THAT(planPage(store.connection(), uuid), FieldsAre(folders + 1, 6, by_count));
+  }
+}
+
 TEST_F(Plan, CountsTheEntriesOfTheFoldersThatAreLeft) {
   const struct {
     const char *change;
