@@ -90,11 +90,11 @@ asio::awaitable<Exchange::Outcome> Exchange::relay(ResponseTerms terms) {
   // The mark was set before the end of the stream was sent.
   const bool whole = reader_.whole(ReplyMarks::is_set(mark_));
   bool sent = false;
-  if (!client_->gone()) {
+  if (!cut_off_ && !client_->gone()) {
     sent = co_await end_response(whole);
   }
   client_->unwatch();
-  if (!whole || handler_->gone()) {
+  if (!sent || !whole || handler_->gone()) {
     handler_->hang_up();
     handler_.reset();
   }
@@ -131,6 +131,7 @@ asio::awaitable<void> Exchange::copy() {
       co_return;
     }
     if (!co_await pass_on(body)) {
+      cut_off_ = true;
       co_return;
     }
     if (++reads % reads_in_a_row == 0) {

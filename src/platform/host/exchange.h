@@ -60,6 +60,7 @@ class Exchange {
   CgiReader reader_;
   std::string pending_;     // body, as long as nothing was sent
   bool streaming_ = false;  // the head is out
+  bool cut_off_ = false;    // the client has not taken what was sent
 };
 
 }  // namespace dirwell::host

@@ -10,6 +10,7 @@ struct Limits {
   std::chrono::milliseconds first_request{10'000};  // from a connection's place to its first request's end
   std::chrono::milliseconds request{10'000};        // from a later request's first byte to its end
   std::chrono::milliseconds idle{60'000};           // between requests
+  std::chrono::milliseconds stalled{30'000};        // for a client that takes nothing of its response
   std::chrono::milliseconds stop{5'000};            // for requests in flight once the service stops
   std::chrono::milliseconds linger{1'000};          // for a refused client to read its answer
   std::chrono::milliseconds pause{100};             // before accepting again when descriptors are short

@@ -10,6 +10,8 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <cerrno>
 
+#include "platform/host/limits.h"
+
 namespace dirwell::host {
 
 asio::awaitable<bool> ready(asio::local::stream_protocol::socket &socket, asio::socket_base::wait_type what) {
@@ -30,7 +32,8 @@ Stream::~Stream() {
   const OwnedFd socket(socket_.release(ignored));
 }
 
-asio::awaitable<Stream::Wake> Stream::readable(Clock::time_point deadline) {
+// One wait at a time: a stream is read or written, never both at once.
+asio::awaitable<Stream::Wake> Stream::wait(asio::socket_base::wait_type what, Clock::time_point deadline) {
   if (hung_up_) {
     co_return Wake::cancelled;
   }
@@ -46,7 +49,7 @@ asio::awaitable<Stream::Wake> Stream::readable(Clock::time_point deadline) {
       }
     });
   }
-  const bool woken = co_await ready(socket_, asio::socket_base::wait_read);
+  const bool woken = co_await ready(socket_, what);
   ++waits_;
   deadline_.cancel();
   co_return woken ? Wake::ready : (expired ? Wake::timeout : Wake::cancelled);
@@ -70,6 +73,7 @@ std::ptrdiff_t Stream::receive(std::span<char> buffer) {
 asio::awaitable<bool> Stream::send(std::string_view first, std::string_view second, std::string_view third) {
   const auto self = shared_from_this();
   std::array<std::string_view, 3> pieces = {first, second, third};
+  Clock::time_point stalled = Clock::time_point::max();
   while (true) {
     std::array<iovec, 3> vectors = {};
     std::size_t count = 0;
@@ -86,15 +90,22 @@ asio::awaitable<bool> Stream::send(std::string_view first, std::string_view seco
     message.msg_iovlen = count;
     const ssize_t sent = ::sendmsg(socket_.native_handle(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent < 0 && errno == EAGAIN) {
-      if (hung_up_) {
+      // Counted between bytes that were taken: the kernel tells of room only when there is plenty.
+      if (stalled == Clock::time_point::max()) {
+        stalled = Clock::now() + limits().stalled;
+      }
+      if (hung_up_ || Clock::now() >= stalled) {
         co_return false;
       }
-      if (!co_await ready(socket_, asio::socket_base::wait_write)) {
+      if (co_await wait(asio::socket_base::wait_write, stalled) == Wake::cancelled) {
         co_return false;
       }
-    } else if (sent < 0 && errno != EINTR) {
+      continue;
+    }
+    if (sent < 0 && errno != EINTR) {
       co_return false;
     }
+    stalled = Clock::time_point::max();
     auto left = sent < 0 ? std::size_t{0} : static_cast<std::size_t>(sent);
     for (std::string_view &piece : pieces) {
       const std::size_t part = std::min(left, piece.size());

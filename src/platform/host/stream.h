@@ -35,14 +35,16 @@ class Stream : public std::enable_shared_from_this<Stream> {
 
   enum class Wake { ready, timeout, cancelled };
   // Waits until something can be read (the end included) or the time has come.
-  asio::awaitable<Wake> readable(Clock::time_point deadline = Clock::time_point::max());
+  asio::awaitable<Wake> readable(Clock::time_point deadline = Clock::time_point::max()) {
+    return wait(asio::socket_base::wait_read, deadline);
+  }
 
   // What one read gives: a count of bytes, 0 at the end of the stream or when it is broken, -1 when there is nothing
   // yet.
   std::ptrdiff_t receive(std::span<char> buffer);
 
-  // Writes all the pieces, waiting for the reader as long as it takes; false when it has gone or the stream was hung
-  // up.
+  // Writes all the pieces, waiting for the reader as long as it goes on reading; false when it has gone, when it has
+  // taken nothing for the time of a stalled reader, or when the stream was hung up.
   asio::awaitable<bool> send(std::string_view first, std::string_view second = {}, std::string_view third = {});
   // Writes what can be written now.
   void send_now(std::string_view text);
@@ -62,6 +64,7 @@ class Stream : public std::enable_shared_from_this<Stream> {
   void hang_up();
 
  private:
+  asio::awaitable<Wake> wait(asio::socket_base::wait_type what, Clock::time_point deadline);
   void wait_for_end(std::size_t watch);
 
   fork_guard::Guarded guard_;  // until after the socket is closed

@@ -212,6 +212,7 @@ TEST(Server, HasTheLimitsThatItsClientsRelyOn) {
   EXPECT_EQ(limits.first_request, 10s);
   EXPECT_EQ(limits.request, 10s);
   EXPECT_EQ(limits.idle, 60s);
+  EXPECT_EQ(limits.stalled, 30s);
   EXPECT_EQ(limits.stop, 5s);
   EXPECT_EQ(limits.program, 10s);
   EXPECT_EQ(limits.connections, 128U);
