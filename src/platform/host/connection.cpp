@@ -1,6 +1,5 @@
 #include "platform/host/connection.h"
 
-#include <algorithm>
 #include <array>
 #include <span>
 #include <utility>
@@ -12,16 +11,11 @@ namespace dirwell::host {
 namespace {
 
 constexpr std::size_t read_size = 16UL * 1024;
-// More handlers than this that go on after their reply learn that their client has gone although it has not.
-constexpr std::size_t handlers_kept = 16;
 
 }  // namespace
 
 Connection::~Connection() {
-  for (const auto &handler : handlers_) {
-    handler->unwatch();
-    handler->hang_up();
-  }
+  bus_.kept.hang_up(this);
 }
 
 asio::awaitable<void> Connection::serve() {
@@ -107,7 +101,9 @@ asio::awaitable<Exchange::Outcome> Connection::answer(RequestReader &reader) {
   const Exchange::Outcome outcome = co_await exchange.relay(terms);
   exchange_ = nullptr;
   if (outcome == Exchange::Outcome::reusable) {
-    keep(exchange.take_handler());
+    if (auto handler = exchange.take_handler()) {
+      bus_.kept.keep(this, std::move(handler));
+    }
   }
   co_return outcome;
 }
@@ -116,20 +112,6 @@ void Connection::refuse(const Refusal &refusal, ResponseTerms terms) {
   terms.keep_alive = false;
   client_->send_now(host::refusal(refusal.status, refusal.detail, terms));
   linger_(client_);
-}
-
-void Connection::keep(std::shared_ptr<Stream> handler) {
-  if (handler == nullptr) {
-    return;
-  }
-  if (handlers_.size() == handlers_kept) {
-    handlers_.front()->unwatch();
-    handlers_.erase(handlers_.begin());
-  }
-  handler->watch([this, ended = handler.get()] {
-    std::erase_if(handlers_, [ended](const auto &kept) { return kept.get() == ended; });
-  });
-  handlers_.push_back(std::move(handler));
 }
 
 void Connection::stop() {

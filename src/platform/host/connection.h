@@ -4,7 +4,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "platform/host/exchange.h"
 #include "platform/host/request_reader.h"
@@ -35,7 +34,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
   asio::awaitable<bool> read_request(RequestReader &reader, bool first);
   asio::awaitable<Exchange::Outcome> answer(RequestReader &reader);
   void refuse(const Refusal &refusal, ResponseTerms terms);
-  void keep(std::shared_ptr<Stream> handler);
 
   Bus &bus_;
   std::shared_ptr<Stream> client_;
@@ -43,7 +41,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::string buffer_;  // read, and not yet part of a request
   bool idle_ = true;
   Exchange *exchange_ = nullptr;
-  std::vector<std::shared_ptr<Stream>> handlers_;  // that have replied and still run
 };
 
 }  // namespace dirwell::host

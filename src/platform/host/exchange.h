@@ -7,6 +7,7 @@
 
 #include "platform/host/cgi.h"
 #include "platform/host/io.h"
+#include "platform/host/kept_handlers.h"
 #include "platform/host/reply_mark.h"
 #include "platform/host/request_reader.h"
 #include "platform/host/stream.h"
@@ -15,8 +16,11 @@ namespace dirwell::host {
 
 // What the connections of a service share.
 struct Bus {
-  hx_request_callback callback = nullptr;
+  Bus(hx_request_callback on_request, std::size_t most_kept) : callback(on_request), kept(most_kept) {}
+
+  hx_request_callback callback;
   ReplyMarks marks;
+  KeptHandlers kept;
   bool stopping = false;
 };
 

@@ -16,8 +16,11 @@ struct Limits {
   std::chrono::milliseconds pause{100};             // before accepting again when descriptors are short
   std::chrono::milliseconds program{10'000};        // for a program that is run
 
-  std::size_t connections = 128;               // served at once
-  std::size_t lingering = 64;                  // refused clients that are still being listened to
+  // Fewer where the process may hold few descriptors.
+  std::size_t connections = 128;  // served at once
+  std::size_t kept = 128;         // handlers that go on after their reply
+  std::size_t lingering = 64;     // refused clients that are still being listened to
+
   std::size_t header_bytes = 16UL * 1024;      // request line and header fields
   std::size_t body_bytes = 1024UL * 1024;      // request body
   std::size_t captured_bytes = 1024UL * 1024;  // kept of each output stream of a program

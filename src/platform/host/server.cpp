@@ -1,10 +1,8 @@
 #include "platform/host/server.h"
 
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <array>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
@@ -20,39 +18,15 @@
 
 namespace dirwell::host {
 
-namespace {
-
-// Admitted clients without a place are held open as far as the descriptors go: each place may need three, and the
-// daemon has files of its own.
-std::size_t waiting_limit() {
-  constexpr std::size_t own = 128;
-  constexpr std::size_t least = 16;
-  constexpr std::size_t most = 4096;
-  rlimit files = {};
-  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) {
-    return least;
-  }
-  const std::size_t reserved = own + 3 * limits().connections + limits().lingering;
-  const std::size_t available = std::min<rlim_t>(files.rlim_cur, reserved + most);
-  return std::max(available, reserved + least) - reserved;
-}
-
-bool has_left(int client) {
-  pollfd watched = {client, 0, 0};
-  return ::poll(&watched, 1, 0) > 0;
-}
-
-}  // namespace
-
 Server::Server(const std::string &service, hx_request_callback callback, int stop_event)
-    : descriptors_before_(event_descriptors()),
+    : budget_(budget_of_process()),
+      bus_(callback, budget_.kept),
+      descriptors_before_(event_descriptors()),
       loop_(1),
       admission_(service),
       stop_event_(loop_, stop_event),
       accept_pause_(loop_),
-      stop_limit_(loop_),
-      waiting_limit_(waiting_limit()) {
-  bus_.callback = callback;
+      stop_limit_(loop_) {
   for (const int descriptor : event_descriptors()) {
     if (!descriptors_before_.contains(descriptor)) {
       loop_guards_.emplace_back(descriptor);
@@ -61,6 +35,7 @@ Server::Server(const std::string &service, hx_request_callback callback, int sto
 }
 
 Server::~Server() {
+  bus_.kept.clear();
   static_cast<void>(stop_event_.release());
   release_listener();
 }
@@ -96,11 +71,6 @@ void Server::run() {
 
 asio::awaitable<void> Server::accept() {
   while (!bus_.stopping) {
-    if (waiting_.size() >= waiting_limit_) {
-      drop_left_clients();
-      co_await pause();
-      continue;
-    }
     fork_guard::GuardedFd client = next_client();
     if (client.valid()) {
       take(std::move(client));
@@ -134,13 +104,13 @@ void Server::take(fork_guard::GuardedFd client) {
   }
   try {
     if (!admission_.admits(user)) {
-      auto stream = std::make_shared<Stream>(loop_.get_executor(), std::move(client));
-      stream->send_now(refusal(403, "The caller is not admitted to this service.", {}));
-      linger(stream);
-    } else if (connections_.size() < limits().connections) {
+      refuse(std::move(client), 403, "The caller is not admitted to this service.");
+    } else if (connections_.size() < budget_.connections) {
       serve(std::move(client));
-    } else {
+    } else if (may_wait()) {
       waiting_.push_back(std::move(client));
+    } else {
+      refuse(std::move(client), 503, "Too many clients wait for this service.");
     }
   } catch (const std::exception &) {
     // Out of memory or descriptors: this client is lost, the service goes on.
@@ -155,6 +125,21 @@ void Server::serve(fork_guard::GuardedFd client) {
   asio::co_spawn(loop_, connection->serve(), [this, connection](const std::exception_ptr &) { ended(connection); });
 }
 
+void Server::refuse(fork_guard::GuardedFd client, int status, std::string_view detail) {
+  auto stream = std::make_shared<Stream>(loop_.get_executor(), std::move(client));
+  stream->send_now(refusal(status, detail, {}));
+  linger(stream);
+}
+
+// Nobody is left in the kernel's queue instead: a caller that is not admitted would wait there too.
+bool Server::may_wait() {
+  if (waiting_.size() >= budget_.waiting && Clock::now() >= next_look_) {
+    next_look_ = Clock::now() + limits().pause;
+    drop_left_clients();
+  }
+  return waiting_.size() < budget_.waiting;
+}
+
 void Server::ended(const std::shared_ptr<Connection> &connection) {
   connections_.erase(connection);
   if (bus_.stopping) {
@@ -163,7 +148,7 @@ void Server::ended(const std::shared_ptr<Connection> &connection) {
     }
     return;
   }
-  while (!waiting_.empty() && connections_.size() < limits().connections) {
+  while (!waiting_.empty() && connections_.size() < budget_.connections) {
     fork_guard::GuardedFd client = std::move(waiting_.front());
     waiting_.pop_front();
     try {
@@ -176,12 +161,20 @@ void Server::ended(const std::shared_ptr<Connection> &connection) {
 
 // Places go to clients that are still there.
 void Server::drop_left_clients() {
-  std::erase_if(waiting_, [](const fork_guard::GuardedFd &client) { return has_left(client.get()); });
+  std::vector<pollfd> clients;
+  clients.reserve(waiting_.size());
+  for (const fork_guard::GuardedFd &client : waiting_) {
+    clients.push_back({client.get(), 0, 0});
+  }
+  if (::poll(clients.data(), clients.size(), 0) > 0) {
+    auto looked_at = clients.cbegin();
+    std::erase_if(waiting_, [&](const fork_guard::GuardedFd &) { return (looked_at++)->revents != 0; });
+  }
 }
 
 void Server::linger(const std::shared_ptr<Stream> &client) {
   client->finish();
-  if (lingering_.size() < limits().lingering && !bus_.stopping) {
+  if (lingering_.size() < budget_.lingering && !bus_.stopping) {
     lingering_.insert(client);
     asio::co_spawn(loop_, drain(client), [this, client](const std::exception_ptr &) { lingering_.erase(client); });
   }

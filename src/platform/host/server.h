@@ -10,10 +10,12 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
 #include "platform/host/admission.h"
+#include "platform/host/budget.h"
 #include "platform/host/connection.h"
 #include "platform/host/exchange.h"
 #include "platform/host/socket_file.h"
@@ -42,12 +44,15 @@ class Server {
   fork_guard::GuardedFd next_client();
   void take(fork_guard::GuardedFd client);
   void serve(fork_guard::GuardedFd client);
+  void refuse(fork_guard::GuardedFd client, int status, std::string_view detail);
+  bool may_wait();
   void ended(const std::shared_ptr<Connection> &connection);
   void linger(const std::shared_ptr<Stream> &client);
   void drop_left_clients();
   void release_listener();
   void stop();
 
+  const Budget budget_;
   Bus bus_;  // outlives the loop, which may still hold connections
   std::set<int> descriptors_before_;
   asio::io_context loop_;
@@ -59,8 +64,8 @@ class Server {
   asio::posix::stream_descriptor stop_event_;
   asio::steady_timer accept_pause_;
   asio::steady_timer stop_limit_;
-  std::size_t waiting_limit_;
   std::deque<fork_guard::GuardedFd> waiting_;  // admitted, without a place yet
+  Clock::time_point next_look_;                // for those of them that have left
   std::unordered_set<std::shared_ptr<Connection>> connections_;
   std::unordered_set<std::shared_ptr<Stream>> lingering_;
 };

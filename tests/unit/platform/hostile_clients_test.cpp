@@ -108,5 +108,49 @@ TEST_F(HostileClients, KeepTheirPlaceForAsLongAsTheyReadOn) {
   EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(text, 'x')), long_size);
 }
 
+// --- Handlers that go on after their reply ---
+
+// Replies, and goes on until its client has gone.
+void reply_and_stay(hx_request *, hx_io *io, int descriptor) {
+  in_request_process(io, descriptor, [&] {
+    write_text(descriptor, std::string(json_head) + "{}");
+    hx_io_realloc(io, 0);
+    hx_reply(io);
+    ++told->started;
+    if (eventually([&] { return hx_io_alive(io) == 0; }, 20s)) {
+      ++told->finished;
+    }
+  });
+}
+
+TEST_F(HostileClients, KeepNoMoreThanSixteenHandlersOfAConnection) {
+  const ServiceProcess service(reply_and_stay);
+  Client client(service);
+  const std::size_t before = service.descriptors();
+  for (int count = 1; count <= 40; ++count) {
+    ASSERT_EQ(client.ask(post("/x")).status, 200);
+    ASSERT_TRUE(eventually([&] { return told->started == count; }));
+  }
+  EXPECT_TRUE(eventually([] { return told->finished == 24; }));
+  EXPECT_LE(service.descriptors(), before + 18);
+  client.close();
+  EXPECT_TRUE(eventually([] { return told->finished == 40; }));
+}
+
+TEST_F(HostileClients, KeepNoMoreHandlersThanAllTogetherMay) {
+  const ServiceProcess service(reply_and_stay, [] { host::limits().kept = 10; });
+  std::vector<Client> clients;
+  for (int count = 1; count <= 30; ++count) {
+    clients.emplace_back(service);
+    ASSERT_EQ(clients.back().ask(post("/x")).status, 200);
+    ASSERT_TRUE(eventually([&] { return told->started == count; }));
+  }
+  EXPECT_TRUE(eventually([] { return told->finished == 20; }));
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(told->finished, 20) << "the last ten are kept";
+  clients.clear();
+  EXPECT_TRUE(eventually([] { return told->finished == 30; }));
+}
+
 }  // namespace
 }  // namespace dirwell::test

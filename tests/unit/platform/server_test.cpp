@@ -1,5 +1,6 @@
 // A service as its clients see it: HTTP on a connection, limits of time and number.
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -264,6 +265,36 @@ TEST(Server, GivesThePlacesToClientsThatAreStillThere) {
   EXPECT_EQ(waiting.receive().body, "[\"waited\"]");
 }
 
+TEST(Server, RefusesThoseForWhomThereIsNoRoomToWait) {
+  const ServiceProcess service(echo, [] {
+    rlimit files = {};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = 64;  // four places, and room for ten to wait
+    ::setrlimit(RLIMIT_NOFILE, &files);
+  });
+  std::vector<Client> clients;
+  for (int count = 0; count < 4; ++count) {
+    clients.emplace_back(service);
+    EXPECT_EQ(clients.back().ask(post("/x")).status, 200) << count;
+  }
+  for (int count = 0; count < 10; ++count) {
+    clients.emplace_back(service);
+  }
+  for (int count = 0; count < 20; ++count) {
+    Client surplus(service);
+    expect_problem(surplus.receive(), 503, "Service Unavailable");
+    EXPECT_TRUE(surplus.ended());
+  }
+  EXPECT_LE(service.descriptors(), 40U);
+  for (std::size_t waiting = 4; waiting < 14; ++waiting) {
+    EXPECT_FALSE(clients.at(waiting).readable(0ms)) << waiting;
+  }
+  for (std::size_t first = 0; first < 10; ++first) {
+    clients.at(first).close();
+    EXPECT_EQ(clients.at(first + 4).ask(post("/x", "waited")).body, "[\"waited\"]") << first;
+  }
+}
+
 TEST(Server, GoesOnAfterDescriptorsWereShort) {
   const ServiceProcess service(echo, [] {
     rlimit files = {};
@@ -286,21 +317,38 @@ TEST(Server, GoesOnAfterDescriptorsWereShort) {
   EXPECT_EQ(client.ask(post("/x", "after")).body, "[\"after\"]");
 }
 
+// Takes every descriptor that is left, and answers as echo() does.
+void hoard(hx_request *request, hx_io *io, int descriptor) {
+  static std::vector<int> hoarded;
+  if (std::string_view(hx_io_read(io, 0)) == "take") {
+    for (int taken = 0; (taken = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
+      hoarded.push_back(taken);
+    }
+  }
+  echo(request, io, descriptor);
+}
+
 TEST(Server, RefusesForWantOfASocketAndGoesOn) {
-  const ServiceProcess service(echo, [] {
+  const ServiceProcess service(hoard, [] {
     rlimit files = {};
     ::getrlimit(RLIMIT_NOFILE, &files);
-    files.rlim_cur = static_cast<rlim_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})) + 7;
+    files.rlim_cur = 64;
     ::setrlimit(RLIMIT_NOFILE, &files);
   });
-  std::vector<Client> clients;
-  Response response;
-  for (int count = 0; count < 6 && response.status != 503; ++count) {
-    clients.emplace_back(service);
-    clients.back().send(post("/x"));
-    response = clients.back().receive(500ms);
-  }
-  expect_problem(response, 503, "Service Unavailable");
+  Client client(service);
+  Client other(service);
+  EXPECT_EQ(other.ask(post("/x", "before")).body, "[\"before\"]");
+  EXPECT_EQ(client.ask(post("/x", "take")).body, "[\"take\"]");
+  Client late(service);  // takes one of the two that this request has given back
+  Response refused;
+  EXPECT_TRUE(eventually([&] {
+    refused = client.ask(post("/x"));
+    return refused.status != 200;
+  }));
+  expect_problem(refused, 503, "Service Unavailable");
+  EXPECT_FALSE(refused.fields.contains("connection"));
+  late.close();
+  EXPECT_TRUE(eventually([&] { return client.ask(post("/x", "again")).body == "[\"again\"]"; }));
 }
 
 TEST(Server, LeavesNothingBehindPerRequest) {
