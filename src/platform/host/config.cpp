@@ -1,8 +1,6 @@
 #include "platform/host/config.h"
 
 #include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -10,6 +8,7 @@
 #include <unordered_map>
 
 #include "platform/host/config_line.h"
+#include "platform/host/file_state.h"
 #include "platform/host/regular_file.h"
 #include "platform/host/text.h"
 #include "platform/include/hxservice.h"
@@ -21,47 +20,8 @@ namespace {
 // Configuration is written by people; what is larger than this is some other file in the place of one.
 constexpr std::size_t largest_file = std::size_t{16} << 20;
 
-// Time stamps of files advance in steps of up to 10 ms: a file that changed less than this before it was read could
-// change once more, to the same size, without its status telling so.
-constexpr std::int64_t settling_nanoseconds = 100'000'000;
-
-std::int64_t nanoseconds(const timespec &time) {
-  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
-// Everything that differs when a file's content may differ. Who reads belongs to it: a request process that has taken
-// on a user's identity sees what that user may read, whatever the daemon had read before.
-struct FileIdentity {
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  std::int64_t modified = 0;
-  std::int64_t changed = 0;
-  uid_t reader = 0;
-  gid_t reader_group = 0;
-
-  FileIdentity() = default;
-  explicit FileIdentity(const struct stat &status)
-      : device(status.st_dev),
-        inode(status.st_ino),
-        size(status.st_size),
-        modified(nanoseconds(status.st_mtim)),
-        changed(nanoseconds(status.st_ctim)),
-        reader(::geteuid()),
-        reader_group(::getegid()) {}
-
-  bool operator==(const FileIdentity &) const = default;
-
-  [[nodiscard]] bool settled() const {
-    timespec now{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    const std::int64_t age = nanoseconds(now) - changed;
-    return age > settling_nanoseconds || age < -settling_nanoseconds;
-  }
-};
-
 struct CachedFile {
-  FileIdentity identity;
+  FileState state;
   bool settled = false;
   std::shared_ptr<const ConfigFile> parsed;
 };
@@ -145,7 +105,7 @@ std::shared_ptr<const ConfigFile> config_file(const char *file) {
     return nullptr;
   }
   const auto known = cache().files.find(path);
-  if (known != cache().files.end() && known->second.settled && known->second.identity == FileIdentity(status)) {
+  if (known != cache().files.end() && known->second.settled && known->second.state == FileState(status)) {
     return known->second.parsed;
   }
   std::optional<std::string> content = read_regular_file(path, Links::follow, largest_file, status);
@@ -154,8 +114,8 @@ std::shared_ptr<const ConfigFile> config_file(const char *file) {
     return nullptr;
   }
   CachedFile &cached = cache().files[path];
-  cached.identity = FileIdentity(status);
-  cached.settled = cached.identity.settled();
+  cached.state = FileState(status);
+  cached.settled = cached.state.settled();
   if (!cached.parsed || cached.parsed->content() != *content) {
     cached.parsed = std::make_shared<const ConfigFile>(*std::move(content));
   }

@@ -4,9 +4,11 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "platform/bus_service.h"
 #include "platform/host/limits.h"
@@ -27,7 +29,7 @@ class AdmissionTest : public testing::Test {
 };
 
 TEST_F(AdmissionTest, AdmitsRootAndTheOwnUserOnly) {
-  const host::Admission admission("some-service");
+  host::Admission admission("some-service");
   EXPECT_TRUE(admission.admits(0));
   EXPECT_TRUE(admission.admits(::geteuid()));
   EXPECT_FALSE(admission.admits(id_of("nobody")));
@@ -40,15 +42,15 @@ TEST_F(AdmissionTest, AdmitsTheUserThatADaemonWithoutRightsRunsAs) {
               if (::setresuid(nobody, nobody, nobody) != 0) {
                 ::_exit(9);
               }
-              const host::Admission admission("some-service");
+              host::Admission admission("some-service");
               ::_exit(admission.admits(nobody) && admission.admits(0) && !admission.admits(nobody - 1) ? 0 : 1);
             }),
             0);
 }
 
 TEST_F(AdmissionTest, AdmitsTheUserOfTheSessionForAsLongAsItLives) {
-  const host::Admission admission("dirwell-admit1");
-  const host::Admission other("other-admit1");
+  host::Admission admission("dirwell-admit1");
+  host::Admission other("other-admit1");
   EXPECT_FALSE(admission.admits(id_of("nobody")));
   {
     const ScopedSession session("admit1", "nobody");
@@ -60,7 +62,7 @@ TEST_F(AdmissionTest, AdmitsTheUserOfTheSessionForAsLongAsItLives) {
 }
 
 TEST_F(AdmissionTest, AdmitsConfiguredAccountsFromTheNextConnectionOn) {
-  const host::Admission admission("some-service");
+  host::Admission admission("some-service");
   EXPECT_FALSE(admission.admits(id_of("daemon")));
   write_below_root("etc/config/host-platform.conf", "[bus]\nUsers = no-such-account   daemon\tbin\n");
   EXPECT_TRUE(admission.admits(id_of("daemon")));
@@ -68,6 +70,51 @@ TEST_F(AdmissionTest, AdmitsConfiguredAccountsFromTheNextConnectionOn) {
   EXPECT_FALSE(admission.admits(id_of("nobody")));
   write_below_root("etc/config/host-platform.conf", "[BUS]\nusers =\n[OTHER]\nusers = daemon\n");
   EXPECT_FALSE(admission.admits(id_of("daemon")));
+}
+
+TEST_F(AdmissionTest, FollowsTheSessionsRecordFromUserToUser) {
+  host::Admission admission("dirwell-admit3");
+  for (int round = 0; round < 3; ++round) {
+    const ScopedSession nobody("admit3", "nobody");
+    EXPECT_TRUE(admission.admits(id_of("nobody")));
+    EXPECT_FALSE(admission.admits(id_of("daemon")));
+    const ScopedSession daemon("admit3", "daemon");
+    EXPECT_FALSE(admission.admits(id_of("nobody")));
+    EXPECT_TRUE(admission.admits(id_of("daemon")));
+  }
+  EXPECT_FALSE(admission.admits(id_of("daemon")));
+}
+
+TEST_F(AdmissionTest, EndsWithTheSessionsTimeThoughNoFileChanges) {
+  using std::chrono::system_clock;
+  host::Admission admission("dirwell-admit4");
+  const auto end = system_clock::to_time_t(system_clock::now()) + 2;
+  const std::string record =
+      write_below_root("var/run/dirwell/sessions/admit4", "user = nobody\nexpires = " + std::to_string(end) + "\n");
+  std::this_thread::sleep_for(150ms);  // so that the file is known and settled
+  EXPECT_TRUE(admission.admits(id_of("nobody")));
+  EXPECT_TRUE(admission.admits(id_of("nobody")));
+  EXPECT_TRUE(eventually([&] { return !admission.admits(id_of("nobody")); }, 4s));
+  EXPECT_GE(system_clock::to_time_t(system_clock::now()), end);
+  std::filesystem::remove(record);
+}
+
+// Each of so many names costs a search of the accounts, far more than all the rest of an admission.
+TEST_F(AdmissionTest, LooksNothingUpForAStrangerWhileNothingChanges) {
+  std::string names;
+  for (int number = 0; number < 5'000; ++number) {
+    names += " no-such-account-" + std::to_string(number);
+  }
+  write_below_root("etc/config/host-platform.conf", "[BUS]\nusers =" + names + " daemon\n");
+  std::this_thread::sleep_for(150ms);
+  host::Admission admission("some-service");
+  EXPECT_FALSE(admission.admits(12345));
+  const auto begin = std::chrono::steady_clock::now();
+  for (int count = 0; count < 500; ++count) {
+    EXPECT_FALSE(admission.admits(12345));
+    EXPECT_TRUE(admission.admits(id_of("daemon")));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
 }
 
 // --- At the socket ---
@@ -140,6 +187,29 @@ TEST_F(AdmissionTest, StrangersTakeNoPlaceAndWaitForNone) {
     Client stranger(service);
     return stranger.receive(1s).status == 403;
   })) << "all places are taken, but a stranger needs none";
+}
+
+TEST_F(AdmissionTest, RefusesStrangersAtOnceThoughNobodyMoreMayWait) {
+  const ServiceProcess service(answer, [] {
+    rlimit files = {};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = 64;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+  });
+  std::vector<Client> admitted;
+  for (int count = 0; count < 30; ++count) {
+    admitted.emplace_back(service);
+  }
+  EXPECT_TRUE(as_user("nobody", [&] {
+    for (int count = 0; count < 100; ++count) {
+      Client stranger(service);
+      if (stranger.receive(1s).status != 403 || !stranger.ended()) {
+        return false;
+      }
+    }
+    return true;
+  }));
+  EXPECT_EQ(admitted.front().ask(post("/x")).status, 200);
 }
 
 }  // namespace
