@@ -11,7 +11,7 @@ import time
 import pytest
 
 from harness.bus import parse_json
-from harness.instance import TOP, wait_until
+from harness.instance import PASSED_ON, TOP, wait_until
 from harness.tree import make_file, make_folder, make_link
 
 
@@ -20,7 +20,7 @@ def control(instance, *arguments, user=None, **environment):
     identity = {"user": user, "group": pwd.getpwnam(user).pw_gid, "extra_groups": []} if user else {}
     result = subprocess.run([str(instance.client), *arguments], capture_output=True, timeout=60, cwd="/",
                             env={"PATH": "/usr/bin:/bin", "DIRWELL_ROOT": str(instance.root), "LC_ALL": "C.UTF-8",
-                                 "TZ": "UTC0", **environment}, **identity)
+                                 "TZ": "UTC0", **PASSED_ON, **environment}, **identity)
     return result.returncode, result.stdout.decode(), result.stderr.decode()
 
 
@@ -206,8 +206,8 @@ def test_an_ordinary_user_lists_with_its_own_instance(make_instance):
 def test_dev_alone_prints_its_commands_a_line_each():
     result = subprocess.run([str(TOP / "dev")], capture_output=True, text=True, timeout=60, cwd="/tmp")
     assert (result.returncode, result.stderr) == (0, "")
-    assert [line.split()[1] for line in result.stdout.splitlines()] == ["build", "test", "run", "bench", "format",
-                                                                        "lint", "install"]
+    assert [line.split()[1] for line in result.stdout.splitlines()] == [
+        "build", "test", "asan", "tsan", "check-all", "fuzz", "coverage", "soak", "run", "bench", "format", "lint", "install"]
 
 
 def test_dev_refuses_what_it_does_not_know():

@@ -13,7 +13,7 @@ import pytest
 from harness.bus import parse_json
 from harness.caches import (UNKNOWN, caching_instance, changed, database, give_volume, next_second, wait_watched,
                             watches)
-from harness.instance import wait_until
+from harness.instance import PASSED_ON, wait_until
 from harness.tree import make_file, make_folder
 
 STALE = "stale: the folders have changed\n"
@@ -28,7 +28,7 @@ def daemon():
 
 def environment(instance):
     return {"PATH": "/usr/bin:/bin", "DIRWELL_ROOT": str(instance.root), "DIRWELL_SID": instance.sid,
-            "LC_ALL": "C.UTF-8", "TZ": "UTC0"}
+            "LC_ALL": "C.UTF-8", "TZ": "UTC0", **PASSED_ON}
 
 
 def control(instance, *arguments, **options):

@@ -16,11 +16,22 @@ from . import bus
 
 TOP = pathlib.Path(__file__).resolve().parents[3]
 SANITIZER = re.compile(r"AddressSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|ThreadSanitizer|runtime error:")
+# What the tested programs are told besides their own environment: settings of sanitizers, where counters are kept.
+PASSED_ON = {name: os.environ[name]
+             for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "GCOV_PREFIX")
+             if name in os.environ}
 
 
 def binary_folder():
     folder = pathlib.Path(os.environ.get("DIRWELL_BUILD") or TOP / "build" / "release")
     return folder if folder.is_absolute() else TOP / folder
+
+
+def build_setting(name):
+    """What the tested programs were built with; empty where the folder does not say."""
+    cache = binary_folder() / "CMakeCache.txt"
+    found = re.search(rf"^{name}:\w+=(.*)$", cache.read_text(), re.MULTILINE) if cache.exists() else None
+    return found[1] if found else ""
 
 
 def wait_until(condition, seconds=10, interval=0.01):
@@ -54,10 +65,7 @@ class Instance:
         self.end_expected = False
         self.leftovers_expected = False  # a daemon that was killed cannot tidy up
         self.grace = 3  # seconds that request processes may outlive the daemon
-        self.environment = {"PATH": "/usr/bin:/bin", "DIRWELL_ROOT": str(self.root), "TZ": "UTC0"}
-        for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"):
-            if name in os.environ:
-                self.environment[name] = os.environ[name]
+        self.environment = {"PATH": "/usr/bin:/bin", "DIRWELL_ROOT": str(self.root), "TZ": "UTC0", **PASSED_ON}
         self.write_session(user)
 
     # --- Files under the root ---
