@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "cache/cache_store.h"
-#include "daemon/resident_memory.h"
 #include "daemon/watchers.h"
 #include "describe/formatter.h"
 #include "listing/resource_query.h"
@@ -55,9 +54,6 @@ void watch_handler(hx_request * /*request*/, hx_io *io, json_t *object, int desc
     write_reply(io, descriptor, object, record);
   }
   reload_watches(index);
-  // The look into the cache brought in code and tables of the libraries that the waiting daemon has no more use for.
-  const fork_gate::Section section;
-  release_unwritten_pages();
 }
 
 void fetch_cache_handler(hx_request * /*request*/, hx_io *io, json_t *object, int descriptor) {

@@ -11,7 +11,7 @@
 #include <memory>
 #include <optional>
 
-#include "cache/cache_store.h"
+#include "daemon/cached_folders.h"
 #include "daemon/file_identity.h"
 #include "listing/filters.h"
 #include "service/fork_gate.h"
@@ -190,20 +190,12 @@ void reload_watches(std::size_t index) {
     return;
   }
   watcher->clear();
+  std::vector<std::string> folders = foldersOfCache(index);
   const SessionFileIdentity identity;
   if (!identity.held()) {
     watcher->add({});  // fresh, with nothing to watch
     log_debug(SourcePlace::here(), "[cache] the folders of cache %zu cannot be watched as the session's user", index);
     return;
-  }
-  std::vector<std::string> folders;
-  {
-    const fork_gate::Section section;
-    CacheStore store(index, false);
-    store.begin();  // so that the table that is looked at is the one that is read
-    if (store.holdsOwnTable()) {
-      folders = store.cachedPaths();
-    }
   }
   std::erase(folders, std::string());  // the placeholder of the listing itself
   if (const std::size_t refused = watcher->add(folders); refused > 0) {

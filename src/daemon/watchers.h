@@ -58,8 +58,7 @@ void start_watchers();
 void stop_watchers();
 
 // Replaces the watches of a cache index by the folders that its cache holds; an invalid index touches nothing. The
-// database lies in a folder open to everyone, so it is read, and the folders are watched, with the session user's file
-// rights. Pool thread.
+// folders are watched with the session user's file rights. Pool thread.
 void reload_watches(std::size_t index);
 
 }  // namespace dirwell

@@ -247,6 +247,11 @@ class Instance:
     def daemon_descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
+    def daemon_memory(self):
+        """What the daemon holds resident, in KiB."""
+        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
+        return int(re.search(r"^VmRSS:\s+(\d+) kB", status, re.MULTILINE)[1])
+
     def daemon_children(self):
         """Ids of the daemon's own children, zombies included."""
         found = []
