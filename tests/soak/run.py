@@ -21,7 +21,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
 
-from harness.instance import Instance, TOP, fresh_instance, wait_until  # noqa: E402 (behind the path above)
+from harness.instance import TOP, fresh_instance, wait_until  # noqa: E402 (behind the path above)
 
 import figures  # noqa: E402
 import shares  # noqa: E402
@@ -107,7 +107,7 @@ class Soak:
         say("the load is over")
         assert wait_until(lambda: len(self.instance.processes()) == 1, self.instance.grace), \
             f"request processes are left: {self.instance.described_processes()}"
-        assert self.instance.daemon_children() == [], "the daemon has a child, dead or alive"
+        assert wait_until(lambda: self.instance.daemon_children() == []), "the daemon has a child, dead or alive"
         self.quiet_client().run_through()
 
     def check_caches(self):

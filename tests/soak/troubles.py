@@ -7,7 +7,6 @@ import random
 import resource
 import signal
 import subprocess
-import sys
 import tempfile
 import threading
 
