@@ -9,7 +9,6 @@ import tempfile
 import pytest
 
 from harness.instance import fresh_instance
-from harness.instance import fresh_instance
 from harness.tree import make_file, make_folder
 
 TOOL = "/usr/local/medialibrary/bin/mymediadbcmd"

@@ -36,7 +36,7 @@ def test_a_stop_signal_ends_the_daemon_in_order(instance, number):
 
 
 def test_options_have_long_short_and_joined_forms(make_instance):
-    for options in ([f"--sid={{}}"], ["-s", "{}"], ["-s{}"], ["--level=6", "--sid", "{}"], ["-l", "6", "-s", "{}"]):
+    for options in (["--sid={}"], ["-s", "{}"], ["-s{}"], ["--level=6", "--sid", "{}"], ["-l", "6", "-s", "{}"]):
         instance = make_instance()
         instance.start(*[option.format(instance.sid) for option in options])
         instance.stop()

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -13,12 +14,15 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "entry/paths.h"
 #include "support/private_root.h"
 #include "support/temp_dir.h"
+
+using namespace std::chrono_literals;
 
 namespace dirwell {
 namespace {
@@ -480,7 +484,7 @@ TEST_F(Walk, EndsSortedOnceItsTimeIsUp) {
     folder.write("f" + std::to_string(i));
   }
   ask([](const ResourceEntry &) {
-    ::usleep(700'000);
+    std::this_thread::sleep_for(700ms);
     return true;
   });
   const auto counting = std::make_shared<NamesDownward>();
@@ -513,7 +517,7 @@ TEST_F(Walk, HasNoDeadlineWithoutAPositiveTime) {
     filters.clear();
     int asked = 0;
     ask([&asked](const ResourceEntry &) {
-      ::usleep(asked++ == 0 ? 1'050'000 : 0);
+      std::this_thread::sleep_for(asked++ == 0 ? 1050ms : 0ms);
       return true;
     });
     add_root(folder.path());
