@@ -1,5 +1,5 @@
-"""The unit file: systemd understands it, its restrictions are strict, its limits hold what the service takes at most, and
-the daemon lives under them."""
+"""The unit file: systemd understands it, its restrictions are strict, its limits hold what the service takes at most,
+and the daemon lives under them."""
 
 import contextlib
 import os
