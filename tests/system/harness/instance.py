@@ -62,6 +62,7 @@ class Instance:
         self.process = None
         self.handed_over = ()  # descriptors that the daemon inherits beside the standard ones
         self.run_as = {}  # whose process the daemon is; root's where nothing is said
+        self.wrapper = []  # a command in front of the daemon's own, which becomes the daemon
         self.end_expected = False
         self.leftovers_expected = False  # a daemon that was killed cannot tidy up
         self.grace = 3  # seconds that request processes may outlive the daemon
@@ -154,7 +155,7 @@ class Instance:
 
     def launch(self, *options, **environment):
         with open(self.log_path, "ab") as log:
-            self.process = subprocess.Popen([str(self.binary), *options], stdin=subprocess.DEVNULL,
+            self.process = subprocess.Popen([*self.wrapper, str(self.binary), *options], stdin=subprocess.DEVNULL,
                                             stdout=subprocess.DEVNULL, stderr=log, cwd="/",
                                             env={**self.environment, **environment}, pass_fds=self.handed_over, **self.run_as)
         self.end_expected = False
