@@ -5,8 +5,8 @@ add_link_options(-fsanitize=${DIRWELL_SANITIZE})
 
 if(DIRWELL_SANITIZE STREQUAL "thread")
   add_library(sanitizer_settings STATIC ${CMAKE_SOURCE_DIR}/tests/sanitizers/thread.cpp)
-  target_link_libraries(dirwell_flags INTERFACE sanitizer_settings)
-  target_link_options(dirwell_flags INTERFACE -Wl,--undefined=__tsan_default_options)
+  # Whole: the sanitizer's own library, which comes first, has the same names.
+  target_link_libraries(dirwell_flags INTERFACE $<LINK_LIBRARY:WHOLE_ARCHIVE,sanitizer_settings>)
   # The thread sanitizer does not see fences. The bus's loop runs on one thread and needs none.
   target_compile_definitions(dirwell_flags INTERFACE BOOST_ASIO_DISABLE_FENCED_BLOCK)
 endif()
