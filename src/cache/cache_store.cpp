@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <memory>
 
 #include "cache/plain_files.h"
 #include "cache/schema.h"
@@ -18,8 +20,10 @@ constexpr const char *storage_options =
     "PRAGMA page_size = 32768; PRAGMA temp_store = MEMORY; PRAGMA synchronous = OFF; PRAGMA auto_vacuum = FULL; "
     "PRAGMA journal_mode = OFF;";
 
-constexpr int open_existing = SQLITE_OPEN_READWRITE;
-constexpr int open_fresh = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+// No link is followed: one that somebody planted in the folder, even between our removal of a file and the making of
+// the next one, would have us write to whatever file of the user's it names.
+constexpr int open_existing = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW;
+constexpr int open_fresh = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW;
 constexpr int busy_timeout_ms = 3000;
 
 // What reading a file of unknown origin may cost: no text of ours comes near the length, no listing near the rest.
@@ -27,6 +31,15 @@ constexpr int longest_foreign_value = 1 << 20;
 constexpr std::chrono::seconds longest_path_reading{2};
 constexpr std::size_t most_paths = 200'000;
 constexpr std::size_t most_path_bytes = std::size_t{64} << 20;
+
+// The way to the volume may hold links all the same. As it is where it cannot be resolved.
+std::string withoutLinks(const std::string &folder) {
+  struct Free {
+    void operator()(char *text) const { ::free(text); }
+  };
+  const std::unique_ptr<char, Free> resolved(::realpath(folder.c_str(), nullptr));
+  return resolved ? resolved.get() : folder;
+}
 
 int neverWait(void * /*store*/, int /*calls*/) {
   return 0;
@@ -99,11 +112,14 @@ void CacheStore::open(bool fresh) {
     if (volume.empty()) {
       return;
     }
-    name = cacheFolder(volume) + '/' + Session::instance().sid() + '.' + std::to_string(index);
+    const std::string folder = cacheFolder(volume);
+    const std::string file = '/' + Session::instance().sid() + '.' + std::to_string(index);
+    name = folder + file;
     if (fresh) {
       log_debug(SourcePlace::here("cache"), "[cache] initial db %s", name.c_str());
       ::unlink(name.c_str());
     }
+    name = withoutLinks(folder) + file;
   }
   open_plain_files_only();
   if (sqlite3_open_v2(name.c_str(), &db, fresh ? open_fresh : open_existing, nullptr) != SQLITE_OK) {

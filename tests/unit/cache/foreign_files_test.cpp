@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <string>
 
@@ -64,6 +65,30 @@ TEST_F(ForeignFiles, AFreshFileTakesThePlaceOfPipes) {
 TEST_F(ForeignFiles, DevicesAreNoDatabases) {
   std::filesystem::create_symlink("/dev/zero", file(1));
   EXPECT_EQ(CacheStore(1, false).connection(), nullptr);
+}
+
+TEST_F(ForeignFiles, ALinkToADatabaseIsNotFollowed) {
+  makeListing();
+  const std::string target = file(1) + " of another";
+  ASSERT_EQ(std::rename(file(1).c_str(), target.c_str()), 0);
+  std::filesystem::create_symlink(target, file(1));
+  {
+    const CacheStore store(1, false);
+    EXPECT_EQ(store.connection(), nullptr);
+  }
+  std::filesystem::remove(file(1));
+  ASSERT_EQ(std::rename(target.c_str(), file(1).c_str()), 0);
+  EXPECT_TRUE(CacheStore(1, false).hasUuid("a"));
+}
+
+TEST_F(ForeignFiles, TheWayToTheVolumeMayHoldLinks) {
+  const test::TempDir elsewhere;
+  const std::string link = elsewhere.path() + "/volume";
+  std::filesystem::create_directory_symlink(volume(), link);
+  configure("[SHARE_DEF]\ndefVolMP = " + link + "\n");
+  makeListing();
+  EXPECT_TRUE(CacheStore(1, false).hasUuid("a"));
+  EXPECT_TRUE(std::filesystem::is_regular_file(file(1)));
 }
 
 TEST_F(ForeignFiles, TheTableOfAFreshStoreIsItsOwn) {
