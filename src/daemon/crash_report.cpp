@@ -35,11 +35,12 @@ void on_crash_signal(int signal_number) {
   if (symbols == nullptr) {
     ::_exit(1);
   }
-  log_fatal("%s (pid %d) %s:", ::strsignal(signal_number), static_cast<int>(::getpid()), program_invocation_name);
+  const char *signal_text = ::strsignal(signal_number);  // NOLINT(concurrency-mt-unsafe): the process ends here
+  log_fatal("%s (pid %d) %s:", signal_text, static_cast<int>(::getpid()), program_invocation_name);
   for (int position = own_frames; position < count && symbols[position] != nullptr; ++position) {
     log_fatal("%2d. %s", position - 1, symbols[position]);
   }
-  std::free(symbols);  // NOLINT(bugprone-multi-level-implicit-pointer-conversion)
+  std::free(symbols);
   ::_exit(1);
 }
 

@@ -41,6 +41,7 @@ void set_level(const char *argument) {
 
 StartUp read_options(int argc, char *const argv[]) {
   for (;;) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): only the start-up reads options
     switch (::getopt_long(argc, argv, short_options, long_options.data(), nullptr)) {
       case -1:
         return StartUp::serve;

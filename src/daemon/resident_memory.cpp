@@ -32,6 +32,7 @@ std::vector<Mapping> unwritten_mappings() {
     words >> first;
     unsigned long long begin = 0;
     unsigned long long end = 0;
+    // NOLINTNEXTLINE(cert-err34-c): the kernel's own numbers, which are none too large
     if (std::sscanf(first.c_str(), "%llx-%llx", &begin, &end) == 2) {
       std::string rights;
       std::string offset;
@@ -55,12 +56,13 @@ std::vector<Mapping> unwritten_mappings() {
 }  // namespace
 
 void share_one_heap() {
-  ::mallopt(M_ARENA_MAX, 1);
+  ::mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): before there is a second thread
 }
 
 void release_unwritten_pages() {
   // Listed first: reading on while pages go would only bring some of them back.
   for (const Mapping &mapping : unwritten_mappings()) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the address was read as a number
     ::madvise(reinterpret_cast<void *>(mapping.begin), mapping.end - mapping.begin, MADV_DONTNEED);
   }
 }

@@ -17,7 +17,7 @@ void preferHugePages(void *memory, std::size_t bytes) {
   const std::uintptr_t begin = (address + huge_page - 1) & ~(huge_page - 1);
   const std::uintptr_t end = (address + bytes) & ~(huge_page - 1);
   if (begin < end) {
-    ::madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
+    ::madvise(static_cast<char *>(memory) + (begin - address), end - begin, MADV_HUGEPAGE);
   }
 }
 
