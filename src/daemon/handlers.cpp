@@ -1,6 +1,7 @@
 #include "daemon/handlers.h"
 
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -43,6 +44,11 @@ void request_watch(std::uint64_t index) {
 }
 
 }  // namespace
+
+std::string watch_text(const json_t *object) {
+  const json_t *index = json_object_get(object, "index");
+  return index == nullptr ? "{}" : "{\"index\":" + std::to_string(json_as_int(index)) + "}";
+}
 
 void watch_handler(hx_request * /*request*/, hx_io *io, json_t *object, int descriptor) {
   ErrorRecord record;

@@ -4,9 +4,14 @@
 // is emptied and becomes the reply. They run in a request process, watch_handler on the daemon's pool.
 #pragma once
 
+#include <string>
+
 #include "platform/include/hxrest.h"
 
 namespace dirwell {
+
+// What watch_handler reads of a request object, as a short text that says the same to it; "{}" for what is no object.
+std::string watch_text(const json_t *object);
 
 void watch_handler(hx_request *request, hx_io *io, json_t *object, int descriptor);
 void fetch_cache_handler(hx_request *request, hx_io *io, json_t *object, int descriptor);

@@ -10,9 +10,12 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "daemon/handlers.h"
+#include "daemon/own_process.h"
 #include "service/fork_gate.h"
 #include "service/json.h"
 #include "service/session.h"
@@ -34,6 +37,25 @@ JsonRef build_request_object(hx_io *io, json_t *parameters) {
   json_object_update(request.get(), parameters);
   hx_io_realloc(io, 0);
   return request;
+}
+
+// The same for a job of the daemon's own. A text may make a hundred times its size of memory, which the daemon would
+// hardly ever give back: a long one is read in a process of its own, and what the endpoint knows of it is kept.
+json_t *prepare_job(hx_io *io, json_t *parameters) {
+  constexpr std::size_t harmless = 4096;  // far more than any real request of the kind
+  if (hx_io_size(io) > harmless) {
+    const OwnResult known = in_own_process([io](const TextOutput &output) {
+      const JsonRef request(json_loads(hx_io_read(io, 0), 0, nullptr));
+      return output(watch_text(request.get()));
+    });
+    if (!known.done || known.texts.size() != 1) {
+      throw std::runtime_error("the request's text cannot be read");
+    }
+    const std::string &text = known.texts.front();
+    hx_io_realloc(io, 0);
+    hx_io_write(io, text.data(), text.size());
+  }
+  return build_request_object(io, parameters).release();
 }
 
 void release(hx_io *io, int descriptor) {
@@ -83,12 +105,12 @@ void fork_prehandler(hx_request *request, hx_rest_handler handler, hx_io *io, js
 }
 
 void watch_prehandler(hx_request *request, hx_rest_handler handler, hx_io *io, json_t *parameters, int descriptor) {
-  JsonRef object = build_request_object(io, parameters);
   if (!thread_pool) {
     release(io, descriptor);
     return;
   }
-  thread_pool->submit(handler, request, io, object.release(), descriptor);
+  JsonRef brought_along(json_deep_copy(parameters));
+  thread_pool->submit(handler, request, io, brought_along.release(), descriptor);
 }
 
 void close_inherited_fds() {
@@ -118,7 +140,7 @@ void close_inherited_fds() {
 }
 
 void start_thread_pool() {
-  thread_pool = std::make_unique<ThreadPool>(1);
+  thread_pool = std::make_unique<ThreadPool>(1, prepare_job);
 }
 
 void stop_thread_pool() {

@@ -9,7 +9,7 @@
 
 namespace dirwell {
 
-ThreadPool::ThreadPool(std::size_t count) {
+ThreadPool::ThreadPool(std::size_t count, Prepare prepare) : prepare_(prepare) {
   threads_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     pthread_t thread{};
@@ -35,10 +35,12 @@ ThreadPool::~ThreadPool() {
 void ThreadPool::submit(hx_rest_handler handler, hx_request *request, hx_io *io, json_t *request_object,
                         int descriptor) {
   Job job{handler, request, io, request_object, descriptor};
+  const std::size_t bytes = hx_io_size(io);
   {
     const std::lock_guard lock(mutex_);
-    if (ring_.size() < most_waiting) {
+    if (ring_.size() < most_waiting && (ring_.empty() || waiting_bytes_ + bytes <= most_waiting_bytes)) {
       ring_.push_back(std::exchange(job, {}));
+      waiting_bytes_ += bytes;
     }
   }
   release(job);  // what was not taken
@@ -66,8 +68,13 @@ void *ThreadPool::run(void *self) {
     }
     Job job = pool.ring_.front();
     pool.ring_.pop_front();
+    pool.waiting_bytes_ -= hx_io_size(job.io);
     lock.unlock();
     try {
+      if (pool.prepare_ != nullptr) {
+        json_t *brought_along = std::exchange(job.request_object, pool.prepare_(job.io, job.request_object));
+        json_decref(brought_along);
+      }
       job.handler(job.request, job.io, job.request_object, job.descriptor);
     } catch (const std::exception &) {
       // The job's client gets no reply; the pool and the daemon go on.

@@ -14,8 +14,13 @@ namespace dirwell {
 
 class ThreadPool {
  public:
-  // Starts `count` threads. Throws std::system_error when not even one can be started.
-  explicit ThreadPool(std::size_t count);
+  // Makes the request object of a job that is to run now, a new reference, of its io and of the object that the job
+  // brought along. Or throws, and the job is released.
+  using Prepare = json_t *(*)(hx_io *io, json_t *brought_along);
+
+  // Starts `count` threads. Throws std::system_error when not even one can be started. Without `prepare` a handler gets
+  // the job's own object.
+  explicit ThreadPool(std::size_t count, Prepare prepare = nullptr);
   // Joins the threads (stop() must have been called, or this waits for ever), then releases the jobs that never ran.
   ~ThreadPool();
   ThreadPool(const ThreadPool &) = delete;
@@ -24,9 +29,11 @@ class ThreadPool {
   // More jobs than this do not wait: a caller that asks faster than the pool works must not fill the daemon's memory
   // and descriptors.
   static constexpr std::size_t most_waiting = 256;
+  // Of request texts, together; one alone may have any size.
+  static constexpr std::size_t most_waiting_bytes = std::size_t{4} << 20;
 
   // Appends a job and takes over `io`, one reference of `request_object` and `descriptor`: whether the job runs or not,
-  // they are released. A job beyond most_waiting is released at once. Any thread.
+  // they are released. A job beyond what may wait is released at once. Any thread.
   void submit(hx_rest_handler handler, hx_request *request, hx_io *io, json_t *request_object, int descriptor);
 
   // Puts a stop job before all waiting jobs: every thread ends after the job it is running. Any thread.
@@ -46,7 +53,9 @@ class ThreadPool {
 
   std::mutex mutex_;
   std::condition_variable changed_;
+  const Prepare prepare_;
   std::list<Job> ring_;
+  std::size_t waiting_bytes_ = 0;
   std::vector<pthread_t> threads_;
 };
 

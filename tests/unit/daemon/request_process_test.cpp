@@ -175,6 +175,34 @@ TEST(WatchPrehandler, RunsTheHandlerOnThePoolOfThisProcess) {
   stop_thread_pool();
 }
 
+// What the endpoint reads of a long text reaches its handler, and nothing else of it.
+TEST(WatchPrehandler, KeepsOfALongTextWhatTheEndpointKnows) {
+  start_thread_pool();
+  const std::string padding = R"("padding":")" + std::string(100'000, 'x') + '"';
+  const std::string many = R"("many":[)" + std::string(300'000, '[') + "]";
+  const struct {
+    std::string body;
+    const char *parameters;
+    const char *seen;
+  } rows[] = {
+      {R"({"index":2,)" + padding + "}", "{}", R"({"index":2}|0)"},
+      {R"({"index":2,)" + padding + "}", R"({"index":"1","a":"b"})", R"({"index":"1","a":"b"}|0)"},
+      {R"({"index":"2)" + std::string(5'000, 'x') + "\"}", "{}", R"({"index":2}|0)"},
+      {R"({"index":true,)" + padding + "}", "{}", R"({"index":1}|0)"},
+      {R"({"index":[2],)" + padding + "}", "{}", R"({"index":0}|0)"},
+      {R"({"index":-1,)" + padding + "}", "{}", R"({"index":-1}|0)"},
+      {"{" + padding + "}", R"({"b":"x"})", R"({"b":"x"}|0)"},
+      {"[{" + padding + "}]", "{}", "{}|0"},
+      {R"({"index":2,)" + many + "}", "{}", "{}|0"},
+      {std::string(200'000, '['), R"({"b":"x"})", R"({"b":"x"}|0)"},
+  };
+  for (const auto &row : rows) {
+    EXPECT_STREQ(request_through(watch_prehandler, row.body, row.parameters).request, row.seen)
+        << row.body.substr(0, 20);
+  }
+  stop_thread_pool();
+}
+
 TEST(WatchPrehandler, DropsTheRequestWithoutAPool) {
   int ends[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);

@@ -142,6 +142,61 @@ TEST_F(ThreadPoolTest, ReleasesJobsBeyondTheMostThatMayWait) {
   ::close(ends[0]);
 }
 
+TEST_F(ThreadPoolTest, ReleasesJobsWhoseTextsAreMoreThanMayWait) {
+  const std::string mebibyte(1 << 20, 'x');
+  const auto with_text = [&](int number) {
+    hx_io *io = hx_io_create();
+    hx_io_write(io, mebibyte.data(), mebibyte.size());
+    return std::pair(io, numbered(number));
+  };
+  {
+    ThreadPool pool(1);
+    hold = true;
+    pool.submit(record_handler, nullptr, hx_io_create(), numbered(0), -1);
+    while (running == 0) {
+      std::this_thread::sleep_for(1ms);
+    }
+    for (int n = 1; n <= 6; ++n) {
+      const auto [io, object] = with_text(n);
+      pool.submit(record_handler, nullptr, io, object, -1);
+    }
+    pool.submit(record_handler, nullptr, hx_io_create(), numbered(7), -1);
+    hold = false;
+    while (running < 6) {
+      std::this_thread::sleep_for(1ms);
+    }
+    // What has run does not count any more.
+    const auto [io, object] = with_text(8);
+    pool.submit(record_handler, nullptr, io, object, -1);
+    while (running < 7) {
+      std::this_thread::sleep_for(1ms);
+    }
+    pool.stop();
+  }
+  EXPECT_EQ(seen, (std::vector<json_int_t>{0, 1, 2, 3, 4, 7, 8}));
+}
+
+TEST_F(ThreadPoolTest, PreparesAJobOnTheThreadThatRunsIt) {
+  {
+    ThreadPool pool(1, [](hx_io *io, json_t *brought_along) {
+      if (hx_io_size(io) == 0) {
+        throw std::runtime_error("nothing there");
+      }
+      return numbered(static_cast<int>(10 * json_integer_value(json_object_get(brought_along, "n"))));
+    });
+    const JsonRef object(numbered(5));
+    pool.submit(record_handler, nullptr, hx_io_create(), json_incref(object.get()), -1);
+    hx_io *io = hx_io_create();
+    hx_io_write(io, "x", 1);
+    pool.submit(record_handler, nullptr, io, json_incref(object.get()), -1);
+    while (running < 1) {
+      std::this_thread::sleep_for(1ms);
+    }
+    pool.stop();
+  }
+  EXPECT_EQ(seen, std::vector<json_int_t>{50}) << "the first could not be prepared, and did not run";
+}
+
 TEST_F(ThreadPoolTest, StopEndsEveryThread) {
   ThreadPool pool(4);
   pool.stop();
