@@ -44,7 +44,7 @@ def collect_counters(folder):
 
 
 def run_tests(system_options):
-    """Every test; False where one failed."""
+    """Every test but those of the measurements, which are not built; False where one failed."""
     with tempfile.TemporaryDirectory(prefix="counters-") as name:
         folder = pathlib.Path(name)
         folder.chmod(0o755)
@@ -52,8 +52,8 @@ def run_tests(system_options):
         environment = {**os.environ, "GCOV_PREFIX": str(folder), "DIRWELL_BUILD": str(BUILD),
                        "PYTHONDONTWRITEBYTECODE": "1"}
         unit = subprocess.run(["ctest", "--preset", "coverage"], cwd=TOP, env=environment, check=False)
-        system = subprocess.run(["/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider", *system_options,
-                                 "tests/system"], cwd=TOP, env=environment, check=False)
+        system = subprocess.run(["/usr/bin/python3", "-m", "pytest", "-q", "-rs", "-p", "no:cacheprovider", "-n", "4", "--dist", "loadfile",
+                                 "--ignore", "tests/system/test_bench.py", *system_options, "tests/system"], cwd=TOP, env=environment, check=False)
         collect_counters(folder)
     return unit.returncode == 0 and system.returncode == 0
 
