@@ -11,6 +11,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -22,6 +23,7 @@
 #include "fuzz/support/input.h"
 #include "platform/host/connection.h"
 #include "platform/host/io.h"
+#include "platform/host/limits.h"
 #include "platform/host/text.h"
 #include "platform/host/worker.h"
 #include "platform/include/hxrest.h"
@@ -36,7 +38,8 @@ struct Seen {
   std::string path;
   std::vector<std::pair<std::string, std::string>> parameters;
   std::string body;
-  bool whole = true;  // the handler gave a whole reply
+  bool whole = true;      // the handler gave a whole reply
+  bool by_table = false;  // the table of endpoints was asked
 };
 
 struct Handler {
@@ -64,32 +67,61 @@ void finish(const Handler &handler) {
 
 // "/cut" ends within the reply, "/none" without a word, "/long" writes more than any buffer holds, "/late" goes on
 // after its reply; all others answer at once.
-void handle(hx_request *request, hx_io *io, int descriptor) {
-  const std::string body(hx_io_read(io, 0), hx_io_size(io));
-  seen.push_back({request->method, request->path, request->parameters, body});
+void reply(std::string_view path, hx_io *io, int descriptor) {
   const std::string head = "Content-Type: application/json\r\nX-Number: " + std::to_string(seen.size()) + "\r\n\r\n";
-  const std::string reply = reply_of(seen.size());
+  const std::string text = reply_of(seen.size());
   hx_io_realloc(io, 0);
-  if (request->path == "/none") {
+  if (path == "/none") {
     seen.back().whole = false;
     return finish({io, descriptor, {}});
   }
-  if (request->path == "/long") {
-    at_work.push_back({io, descriptor, head + "[" + std::string(200'000, ' ') + reply + "]"});
+  if (path == "/long") {
+    at_work.push_back({io, descriptor, head + "[" + std::string(200'000, ' ') + text + "]"});
     return;
   }
   put(descriptor, head);
-  put(descriptor, request->path == "/cut" ? reply.substr(1, 5) : reply);
-  if (request->path == "/cut") {
+  put(descriptor, path == "/cut" ? text.substr(1, 5) : text);
+  if (path == "/cut") {
     seen.back().whole = false;
     return finish({io, descriptor, {}});
   }
   hx_reply(io);
-  if (request->path == "/late") {
+  if (path == "/late") {
     at_work.push_back({io, descriptor, {}});
     return;
   }
   finish({io, descriptor, {}});
+}
+
+void handle_endpoint(hx_request *request, hx_rest_handler /*handler*/, hx_io *io, json_t *parameters, int descriptor) {
+  for (const auto &[name, value] : request->parameters) {
+    check(json_is_string(json_object_get(parameters, name.c_str())), "each parameter is handed on", name);
+  }
+  check(json_object_size(parameters) <= request->parameters.size(), "and nothing else");
+  seen.back().by_table = false;
+  reply("/endpoint", io, descriptor);
+}
+
+hx_rest *table() {
+  static hx_rest *const only = [] {
+    hx_rest *made = hx_rest_create();
+    hx_rest_endpoint(made, nullptr, "watch", handle_endpoint, "watch cached path\n\n");
+    hx_rest_endpoint(made, nullptr, "fetch.cache", handle_endpoint, "fetch\n\n");
+    return made;
+  }();
+  return only;
+}
+
+// What begins with "/rest" goes to the table of endpoints, without it.
+void handle(hx_request *request, hx_io *io, int descriptor) {
+  const std::string body(hx_io_read(io, 0), hx_io_size(io));
+  seen.push_back({request->method, request->path, request->parameters, body});
+  if (!request->path.starts_with("/rest")) {
+    return reply(request->path, io, descriptor);
+  }
+  seen.back().by_table = true;
+  request->path.erase(0, 5);
+  hx_rest_dispatch(table(), request, io, descriptor);
 }
 
 // Goes on with the long replies; true when something was done.
@@ -364,6 +396,11 @@ void check_responses(std::string_view received) {
     const auto response = take_response(received, request.method == "HEAD");
     check(response.has_value(), "each request is answered", request.path);
     open = field(*response, "connection") != "close";
+    if (request.by_table) {
+      check(response->status == 200 || response->status == 404 || response->status == 405,
+            "the table answers what is no endpoint", request.path);
+      continue;
+    }
     if (!request.whole) {
       check_equal(response->status, 502, "a reply that is not whole is a bad gateway");
       continue;
@@ -385,8 +422,8 @@ void check_responses(std::string_view received) {
     return;
   }
   const Response refusal = take_head(received);
-  check(refusal.status == 400 || refusal.status == 408 || refusal.status == 413 || refusal.status == 431,
-        "what is no request is refused", before);
+  check(refusal.status == 400 || refusal.status == 413 || refusal.status == 431, "what is no request is refused",
+        before);
   check_equal(field(refusal, "content-type"), std::string("application/problem+json"), "with a problem");
   check_equal(field(refusal, "connection"), std::string("close"), "and the end of the connection");
   check(received.empty() || field(refusal, "content-length") == std::to_string(received.size()), "and nothing after it",
@@ -400,11 +437,12 @@ struct Arrival {
   std::size_t piece;
   bool leaves;      // the client goes away without reading what is left
   bool reads_late;  // the client reads only at the end
+  bool stops;       // the service stops before the client has ended
 };
 
 Arrival arrival_of(std::uint8_t letter) {
   constexpr std::array<std::size_t, 8> pieces{std::size_t{1} << 24, 1, 2, 5, 17, 100, 1'000, 10'000};
-  return {pieces[letter & 7U], (letter & 8U) != 0, (letter & 16U) != 0};
+  return {pieces[letter & 7U], (letter & 8U) != 0, (letter & 16U) != 0, (letter & 32U) != 0};
 }
 
 class Client {
@@ -413,7 +451,6 @@ class Client {
     std::array<int, 2> ends{};
     check(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()) == 0, "there are sockets");
     socket_ = ends[0];
-    bus_.callback = handle;  // NOLINT
     auto stream =
         std::make_shared<host::Stream>(loop_.get_executor(), host::fork_guard::GuardedFd(host::OwnedFd(ends[1])));
     connection_ =
@@ -428,6 +465,7 @@ class Client {
     });
   }
   ~Client() {
+    bus_.kept.clear();
     if (socket_ >= 0) {
       ::close(socket_);
     }
@@ -451,6 +489,9 @@ class Client {
       bytes.remove_prefix(static_cast<std::size_t>(sent));
       pump();
     }
+    if (arrival_.stops) {
+      stop();
+    }
     if (arrival_.leaves) {
       ::close(socket_);
       socket_ = -1;
@@ -468,6 +509,20 @@ class Client {
   [[nodiscard]] const std::string &received() const { return received_; }
 
  private:
+  // As the service does it: what is idle ends at once, what is at work is hung up in the end.
+  void stop() {
+    bus_.stopping = true;
+    if (connection_ != nullptr) {
+      connection_->stop();
+    }
+    pump();
+    if (connection_ != nullptr) {
+      connection_->hang_up();
+    }
+    pump();
+    check(ended_, "a connection ends with its service");
+  }
+
   bool read() {
     if (socket_ < 0 || arrival_.reads_late) {
       return false;
@@ -497,11 +552,7 @@ class Client {
 
   Arrival arrival_;
   int socket_ = -1;
-#if __has_include("platform/host/kept_handlers.h")
   host::Bus bus_{handle, 16};
-#else
-  host::Bus bus_;
-#endif
   boost::asio::io_context loop_{1};
   std::shared_ptr<host::Connection> connection_;
   std::shared_ptr<host::Stream> lingering_;
@@ -518,6 +569,15 @@ int lowest_free_descriptor() {
 }  // namespace
 }  // namespace dirwell::fuzz
 
+extern "C" int LLVMFuzzerInitialize(int * /*count*/, char *** /*arguments*/) {
+  // The clock must not decide what becomes of an input.
+  using namespace std::chrono_literals;
+  dirwell::host::limits().first_request = 1h;
+  dirwell::host::limits().request = 1h;
+  dirwell::host::limits().idle = 1h;
+  return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   using namespace dirwell;
   using namespace dirwell::fuzz;
@@ -532,7 +592,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   {
     Client client(arrival);
     client.run(bytes);
-    if (!arrival.leaves) {
+    if (!arrival.leaves && !arrival.stops) {
       check_requests(bytes);
       check_responses(client.received());
     }

@@ -190,7 +190,7 @@ def table(results):
     """The figures of all targets, as lines."""
     head = ("target", "executions", "exec/s", "edges", "replayed", "new inputs", "peak MB", "CPU s", "")
     rows = [(each.target, f"{each.executions}", f"{each.executions / each.seconds:.0f}" if each.seconds else "-",
-             f"{each.edges}", f"{each.replayed}", f"{each.new}", f"{each.peak_mb}", f"{each.cpu_seconds:.0f}",
+             f"{each.edges}", f"{each.replayed}", f"{each.new}", f"{each.peak_mb}", f"{each.cpu_seconds:.1f}",
              "failed" if each.problems else "") for each in results]
     widths = [max(len(row[column]) for row in [head, *rows]) for column in range(len(head))]
     for row in [head, *rows]:
