@@ -12,6 +12,7 @@
 #include <exception>
 #include <utility>
 
+#include "platform/host/brief_calls.h"
 #include "platform/host/limits.h"
 #include "platform/host/loop_descriptors.h"
 #include "platform/host/response_head.h"
@@ -167,6 +168,7 @@ void Server::drop_left_clients() {
     clients.push_back({client.get(), 0, 0});
   }
   if (::poll(clients.data(), clients.size(), 0) > 0) {
+    const BriefCalls brief;
     auto looked_at = clients.cbegin();
     std::erase_if(waiting_, [&](const fork_guard::GuardedFd &) { return (looked_at++)->revents != 0; });
   }
@@ -221,7 +223,10 @@ void Server::stop() {
   file_.close();
   listener_guard_ = {};
   accept_pause_.cancel();
-  waiting_.clear();
+  {
+    const BriefCalls brief;
+    waiting_.clear();
+  }
   for (const auto &connection : connections_) {
     connection->stop();
   }

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/host/brief_calls.h"
 #include "platform/include/hxservice.h"
 
 namespace dirwell::host {
@@ -87,6 +88,7 @@ bool SocketFile::open(const std::string &path) {
       return false;
     }
   }
+  refuse_files(listener.get());
   // Nobody can connect before listen, so the mode is right for the first who can.
   struct stat status = {};
   if (::chmod(path.c_str(), 0666) != 0 || ::lstat(path.c_str(), &status) != 0 ||
@@ -111,6 +113,7 @@ void SocketFile::close() {
   if (::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
     ::unlink(path_.c_str());
   }
+  const BriefCalls brief;  // those who wait in its queue may have sent something
   listener_.reset();
 }
 

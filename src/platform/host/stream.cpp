@@ -10,9 +10,19 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <cerrno>
 
+#include "platform/host/brief_calls.h"
 #include "platform/host/limits.h"
 
 namespace dirwell::host {
+
+namespace {
+
+ssize_t receive_now(int socket, std::span<char> buffer) {
+  const BriefCalls brief;
+  return ::recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
+}
+
+}  // namespace
 
 asio::awaitable<bool> ready(asio::local::stream_protocol::socket &socket, asio::socket_base::wait_type what) {
   boost::system::error_code error;
@@ -29,7 +39,9 @@ Stream::Stream(const asio::any_io_executor &executor, fork_guard::GuardedFd sock
 Stream::~Stream() {
   // Taken out of the loop by name: as long as a forked process held a copy, the kernel would keep reporting it.
   boost::system::error_code ignored;
-  const OwnedFd socket(socket_.release(ignored));
+  OwnedFd socket(socket_.release(ignored));
+  const BriefCalls brief;  // what was never read is dropped here
+  socket.reset();
 }
 
 // One wait at a time: a stream is read or written, never both at once.
@@ -57,7 +69,7 @@ asio::awaitable<Stream::Wake> Stream::wait(asio::socket_base::wait_type what, Cl
 
 std::ptrdiff_t Stream::receive(std::span<char> buffer) {
   while (true) {
-    const ssize_t got = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    const ssize_t got = receive_now(socket_.native_handle(), buffer);
     if (got >= 0) {
       return got;
     }
