@@ -133,10 +133,10 @@ def test_the_daemon_serves_under_the_restrictions(confined):
     described = {entry["filename"]: (entry["acl"], entry["is_h265"]) for entry in confined.fetch()["datas"]}
     assert described == {"clip.mkv": (4, 1), "closed": (0, 0), "own.txt": (6, 0), "roots.txt": (0, 0)}
     assert confined.names(confined.share / "closed") == []
-    # The daemon has four rights, and no way to more; the tool has none.
+    # The daemon has five rights, and no way to more; the tool has none.
     daemon = status_of(confined.process.pid)
     assert [daemon[key] for key in ("CapPrm", "CapEff", "CapBnd", "CapInh", "CapAmb")] == [
-        "00000000000000e2", "00000000000000e2", "00000000000000e2", "0000000000000000", "0000000000000000"]
+        "00000000000000ea", "00000000000000ea", "00000000000000ea", "0000000000000000", "0000000000000000"]
     assert (daemon["NoNewPrivs"], daemon["Seccomp"]) == ("1", "2")
     tool = dict(line.split(":\t", 1) for line in (confined.root / "notes/status").read_text().splitlines())
     assert (tool["CapEff"], tool["CapPrm"], tool["Uid"], tool["Seccomp"]) == (
