@@ -27,7 +27,7 @@ class KeepErrno {
   int saved_;
 };
 
-std::string vformat(const char *format, va_list arguments) {
+[[gnu::format(printf, 1, 0)]] std::string vformat(const char *format, va_list arguments) {
   va_list again;
   va_copy(again, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, again);
@@ -60,7 +60,8 @@ void write_line(const std::string &line) {
   }
 }
 
-void write_message(char tag, const std::string &place, const char *format, va_list arguments) {
+[[gnu::format(printf, 3, 0)]] void write_message(char tag, const std::string &place, const char *format,
+                                                 va_list arguments) {
   const KeepErrno keep;
   const fork_gate::Section section;
   write_line(line_head(tag) + place + vformat(format, arguments) + '\n');
