@@ -172,13 +172,13 @@ void check_shares(const Meaning &meaning) {
   std::size_t count = 0;
   for (const std::string &section : meaning.sections) {
     const std::string path = value_of(meaning, section, "path").value_or("");
-    const std::string visible = path.c_str();  // names and paths are C texts
+    const std::string visible = c_text(path);  // names and paths are C texts
     if (section == "global" || section == "homes" || section == "printers" || section == "print$" || visible.empty()) {
       continue;
     }
     check(count < shares->count, "each section with a path is a share", section);
     const SMB_Share &share = shares->shares[count++];
-    check_equal(lower(share.name), std::string(section.c_str()), "a share has its section's name");
+    check_equal(lower(share.name), c_text(section), "a share has its section's name");
     check_equal(std::string(share.path), visible, "a share has its path");
     check_equal(share.type, number(value_of(meaning, section, "dirwell:type").value_or("")), "a share has its type");
   }
@@ -288,7 +288,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   const Meaning meaning = meaning_of(text);
   check_values(host::ConfigFile(std::string(text)), meaning);
 
-  const std::string root = test::private_root();
+  const std::string &root = test::private_root();
   write(root + host::shares_file, text);
   write(root + host::platform_file, text);
   write(root + "/var/run/dirwell/sessions/fuzzed", text);

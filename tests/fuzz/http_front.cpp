@@ -206,7 +206,7 @@ std::optional<std::string> take_chunks(std::string_view &text) {
 // The next request, if it is plain beyond doubt and whole; everything about it is within all limits.
 std::optional<Expected> take_plain_request(std::string_view &text) {
   const std::size_t head_end = text.find("\r\n\r\n");
-  if (head_end == std::string_view::npos || head_end > 8'000) {
+  if (head_end > 8'000) {  // or nowhere
     return std::nullopt;
   }
   std::string_view head = text.substr(0, head_end + 2);

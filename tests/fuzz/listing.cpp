@@ -43,6 +43,10 @@ constexpr std::array<std::string_view, 29> names{
 
 std::string tree;  // the folder that all of it lies in
 
+std::string below_tree(std::string_view path) {
+  return std::string(tree).append("/").append(path);
+}
+
 void make_tree() {
   static const test::TempDir folder;
   ::chmod(folder.path().c_str(), 0755);
@@ -99,7 +103,7 @@ void move_into_tree(json_t *request) {
     const json_t *path = json_object_get(item, "full_path");
     if (json_is_string(path)) {
       const std::string text(json_string_value(path), json_string_length(path));
-      const std::string inside = text.find("..") == std::string::npos ? tree + "/" + text : "/nowhere/at/all";
+      const std::string inside = text.find("..") == std::string::npos ? below_tree(text) : "/nowhere/at/all";
       json_object_set_new(item, "full_path", json_stringn(inside.data(), inside.size()));
     }
   }
@@ -202,7 +206,7 @@ void check_completeness(const json_t *request, const json_t *reply) {
   }
   const std::string folder = json_string_value(json_object_get(json_array_get(path, 0), "full_path"));
   for (const std::string inside : {"", "sub/", "sub/deeper/", "empty/"}) {
-    if (folder != tree + "/" + inside) {
+    if (folder != below_tree(inside)) {
       continue;
     }
     std::multiset<std::string> expected;

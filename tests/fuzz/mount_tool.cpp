@@ -68,7 +68,7 @@ void check_encrypted_folder(const std::string &path, const std::string &output) 
 }
 
 void check_searched_outputs(const std::string &path, const std::string &output) {
-  const std::string text = output.c_str();
+  const std::string text = c_text(output);
   const auto holds = [&text](std::string_view part) { return text.find(part) != std::string::npos; };
   machine().runs.clear();
   ResourceEntry entry;
@@ -94,8 +94,7 @@ extern "C" int LLVMFuzzerInitialize(int * /*count*/, char *** /*arguments*/) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   using namespace dirwell::fuzz;
   std::string_view input = text_of(data, size);
-  const std::string line(take_line(input));
-  const std::string path = line.c_str();
+  const std::string path = c_text(take_line(input));
   const std::string output(input);
   machine() = {};
   machine().program_output = output;

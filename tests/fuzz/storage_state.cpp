@@ -161,7 +161,7 @@ void check_root(const std::string &path, const std::string &value) {
     return;
   }
   check_equal(machine().asked.size(), std::size_t{2}, "each asks once");
-  check_equal(machine().asked[0], std::string(root_by_rule(path).c_str()), "the root of the mount is asked");
+  check_equal(machine().asked[0], c_text(root_by_rule(path)), "the root of the mount is asked");
   check_equal(machine().asked[1], machine().asked[0], "by both");
   const JsonRef object(fits ? json_loads(value.c_str(), 0, nullptr) : nullptr);
   const json_t *member = json_object_get(object.get(), "status");
@@ -204,8 +204,7 @@ void check_missing(const std::string &path) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   using namespace dirwell::fuzz;
   std::string_view input = text_of(data, size);
-  const std::string line(take_line(input));
-  const std::string path = line.c_str();  // a path holds no NUL
+  const std::string path = c_text(take_line(input));  // a path holds no NUL
   const std::string value(input);
   machine() = {};
   for (const char *name :

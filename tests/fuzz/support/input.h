@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -10,6 +11,11 @@ namespace dirwell::fuzz {
 
 inline std::string_view text_of(const std::uint8_t *data, std::size_t size) {
   return {reinterpret_cast<const char *>(data), size};
+}
+
+// As a C text: up to the first NUL.
+inline std::string c_text(std::string_view text) {
+  return std::string(text.substr(0, text.find('\0')));
 }
 
 // What stands before the first `separator`, which is cut off `text` with it; all of it where there is none.
