@@ -9,6 +9,17 @@ from chronicle import DESCRIPTORS, PROCESSES, TOOLS
 KIB = 1024
 
 
+def describe(instance):
+    """What each thread of the daemon does, and how long it has had a processor and has waited for one."""
+    found = []
+    for task in sorted(pathlib.Path(f"/proc/{instance.process.pid}/task").iterdir()):
+        name, _, rest = (task / "stat").read_text().partition("(")[2].rpartition(")")
+        ran, waited, _ = (task / "schedstat").read_text().split()
+        found.append(f"{name} {rest.split()[0]} in {(task / 'wchan').read_text()}, ran {int(ran) / 1e9:.1f} s, "
+                     f"waited {int(waited) / 1e9:.1f} s")
+    return "; ".join(found)
+
+
 class Holdings:
     """Of a daemon at one moment: what must not grow."""
 
@@ -54,7 +65,7 @@ def print_table(head, rows, out):
 
 def print_report(tally, seconds, troubles, before, after, out):
     """`troubles`: rows of a name and a figure."""
-    total = sum(sum(counts.values()) for counts in tally.outcomes.values())
+    total = tally.requests()
     answered = sum(len(times) for times in tally.seconds.values())
     print(f"\n{total} requests in {seconds:.0f} s, {total / seconds:.0f} a second; {answered} were waited for and "
           f"answered, {answered / seconds:.0f} a second\n", file=out)

@@ -28,7 +28,7 @@ import shares  # noqa: E402
 import troubles  # noqa: E402
 from asks import Asks  # noqa: E402
 from chronicle import Chronicle  # noqa: E402
-from clients import LeavingClient, StayingClient, Tally  # noqa: E402
+from clients import SANITIZED_TIME_LIMIT, LeavingClient, StayingClient, Tally  # noqa: E402
 
 STRANGERS = "daemon"  # an account that the service does not admit
 QUIET_TURNS = 100  # of a single client before and after the load
@@ -85,7 +85,7 @@ class Soak:
         self.lively = [shares.LivelyFolder(instance.share / name, f"{self.seed} {name}") for name in ("left", "right")]
         self.tree = shares.LivelyTree(instance.share / "branches", f"{self.seed} branches")
         self.asks = Asks(self.stable, self.lively, self.tree, self.chronicle)
-        self.sanitized = is_sanitized(instance.binary)
+        instance.sanitized = is_sanitized(instance.binary)
 
     # --- Before and after the load ---
 
@@ -128,8 +128,8 @@ class Soak:
     def check_holdings(self, before, after):
         assert after.descriptors == before.descriptors, f"descriptors: {before.kinds}, now {after.kinds}"
         assert after.threads == before.threads, f"threads: {before.threads}, now {after.threads}"
-        private = SANITIZER_TOLERANCE if self.sanitized else PRIVATE_TOLERANCE
-        resident = SANITIZER_TOLERANCE if self.sanitized else RESIDENT_TOLERANCE
+        private = SANITIZER_TOLERANCE if self.instance.sanitized else PRIVATE_TOLERANCE
+        resident = SANITIZER_TOLERANCE if self.instance.sanitized else RESIDENT_TOLERANCE
         assert after.private <= before.private + private, f"private memory: {before.private}, now {after.private} KiB"
         assert after.resident <= before.resident + resident, f"memory: {before.resident}, now {after.resident} KiB"
 
@@ -167,13 +167,13 @@ class Soak:
 
     def load(self, group):
         """Returns what was done to the service, as rows of a table."""
-        until = time.monotonic() + self.arguments.seconds
-        clients = self.clients(self.seed, until)
-        killer = troubles.Killer(self.seed, self.instance, self.chronicle, group)
+        killer = troubles.Killer(self.seed, self.instance, self.chronicle, group, self.tally.requests)
         pause = min(6.0, self.arguments.seconds / 5)
         shortages = troubles.Shortages(self.seed, self.instance, self.chronicle, group, pause)
         changers = [shares.Changer(folder) for folder in (*self.lively, self.tree)]
         with troubles.Stranger(self.instance, STRANGERS) as stranger:
+            until = time.monotonic() + self.arguments.seconds
+            clients = self.clients(self.seed, until)
             for thread in (*clients, killer, shortages, *changers):
                 thread.start()
             self.wait_for(clients, until)
@@ -188,12 +188,12 @@ class Soak:
         while any(client.is_alive() for client in clients):
             time.sleep(0.2)
             now = time.monotonic()
-            assert now < until + 90, f"hung: {[(c.name, c.doing) for c in clients if c.is_alive()]}"
+            assert now < until + SANITIZED_TIME_LIMIT + 60, f"hung: {[(c.name, c.doing) for c in clients if c.is_alive()]}"
             self.instance.check()
             if now - told >= 30:
                 told = now
-                done = sum(sum(counts.values()) for counts in self.tally.outcomes.values())
-                say(f"{max(0, until - now):.0f} s to go, {done} requests, {len(self.tally.failures)} failures")
+                say(f"{max(0, until - now):.0f} s to go, {self.tally.requests()} requests, "
+                    f"{len(self.tally.failures)} failures")
 
     def run(self):
         """Prints the report; fails with what went wrong as a whole, what the clients met is in the tally."""

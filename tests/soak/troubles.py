@@ -9,6 +9,7 @@ import signal
 import subprocess
 import tempfile
 import threading
+import time
 
 from chronicle import DESCRIPTORS, PROCESSES, TOOLS
 
@@ -82,9 +83,12 @@ class Troublemaker(threading.Thread):
 class Killer(Troublemaker):
     """Kills request processes, among them the ones between the daemon and a request process."""
 
-    def __init__(self, seed, instance, chronicle, group):
+    SHARE = 15  # of so many requests one, at most
+
+    def __init__(self, seed, instance, chronicle, group, requests):
         super().__init__(seed, instance, chronicle)
         self.group = group
+        self.requests = requests  # tells how many there were
         self.kills = 0
 
     def processes(self):
@@ -93,7 +97,7 @@ class Killer(Troublemaker):
         return [pid for pid in self.group.processes() if pid != self.instance.process.pid]
 
     def turn(self):
-        if self.stopping.wait(self.chance.uniform(0.02, 0.3)):
+        if self.stopping.wait(self.chance.uniform(0.02, 0.3)) or self.requests() < self.kills * self.SHARE:
             return
         for _ in range(20):
             if self.try_to_kill():
@@ -216,6 +220,9 @@ class Stranger:
             self.turns = int(line)
 
     def __enter__(self):
+        deadline = time.monotonic() + 60
+        while self.turns == 0 and self.process.poll() is None and time.monotonic() < deadline:
+            time.sleep(0.01)
         return self
 
     def __exit__(self, *_):

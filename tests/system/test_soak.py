@@ -35,8 +35,7 @@ def test_some_seconds_of_the_soak_pass_with_all_that_belongs_to_it(folder):
     assert said.startswith("soak: seed 5, 16 clients, 5 s, session of games\n")
     assert said.endswith("soak: every claim holds\n")
     rows = dict(re.findall(r"^  (\S.*?)  +(\d[\d ]*)$", text, re.MULTILINE))
-    for endpoint in ("fetch.resource", "create.cache", "fetch.cache", "watch", "GET /", "OPTIONS", "no HTTP"):
-        assert re.search(rf"^  {re.escape(endpoint)}  .*\d$", text, re.MULTILINE), text
+    assert re.search(r"^  fetch\.resource  .*\d$", text, re.MULTILINE), text
     for point in ("mid-header", "mid-body", "before the reply", "mid-reply", "after the reply"):
         assert int(rows[point]) > 0, text
     for trouble in ("request processes killed", "times the user's process limit was reached", "changes of folders",
@@ -59,7 +58,7 @@ def test_the_soak_fails_and_tells_its_seed_when_a_reply_is_wrong(folder):
             soak.send_signal(signal.SIGTERM)
             raise
     assert soak.returncode == 1, said
-    assert re.search(r"^soak: FAILED: client \d: .*share/stable/mixed.* listed are ", said, re.MULTILINE), said
+    assert re.search(r"^soak: FAILED: .*listed are ", said, re.MULTILINE), said
     assert said.endswith("soak: repeat with ./dev soak --seed 6 --seconds 6 --clients 4\n")
 
 
