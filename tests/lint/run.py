@@ -22,6 +22,7 @@ import json
 import os
 import pathlib
 import re
+import resource
 import shlex
 import subprocess
 import sys
@@ -43,8 +44,9 @@ DROPPED = [
 
 # clang is not g++: it does not know some of the warnings that our flags name, and finds unused what g++ needs.
 CLANG_ARGUMENTS = ["-Wno-unknown-warning-option", "-Wno-unused-command-line-argument"]
-# In a unit our sources are included files, which the analyzer would take for headers and leave out.
-UNIT_ARGUMENTS = ["-Xclang", "-analyzer-opt-analyze-headers"]
+# In a unit our sources are included files, which the analyzer would take for headers and leave out, and the names of one
+# source are there for the next one to shadow; g++ warns of what is shadowed in a single one.
+UNIT_ARGUMENTS = ["-Xclang", "-analyzer-opt-analyze-headers", "-Wno-shadow"]
 
 # The most sources of one unit: more gain little, and the last one running has nobody beside it.
 MOST_IN_UNIT = 12
@@ -128,9 +130,10 @@ def compile_commands():
             place = arguments.index("-include-pch") - 1
             del arguments[place:place + 4]
         commands.setdefault(pathlib.Path(entry["file"]), (entry["directory"], arguments))
-    # What only other presets build (their sanitizers' settings and the like) is compiled as main.cpp is.
-    usual = commands[TOP / "src/main.cpp"]
-    return {path: commands.get(TOP / path, usual) for path in files_of(".cpp", ".c")}
+    # What only other presets build is compiled as main.cpp is, with the headers that only g++ has behind clang's.
+    directory, arguments = commands[TOP / "src/main.cpp"]
+    others = (directory, [*arguments, "-idirafter", run(["g++", "-print-file-name=include"]).stdout.strip()])
+    return {path: commands.get(TOP / path, others) for path in files_of(".cpp", ".c")}
 
 
 def digest(*parts):
@@ -321,8 +324,9 @@ def main():
         print(f"lint: {failure}", file=sys.stderr)
         return 1
     clean = not quick and findings == 0
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
     print(f"lint: {'clean' if clean else 'findings above'}; {count} sources ({cached} from cache)"
-          f" in {time.monotonic() - started:.0f} s")
+          f" in {time.monotonic() - started:.0f} s, {used.ru_utime + used.ru_stime:.0f} s of a processor")
     return 0 if clean else 1
 
 

@@ -8,8 +8,10 @@
 
 extern "C" {
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the names that the sanitizer looks for
 const char *__tsan_default_options();
 const char *__tsan_default_suppressions();
+// NOLINTEND(bugprone-reserved-identifier)
 
 const char *__tsan_default_options() {
   // Without the first it ends request processes at the start of their one further thread.

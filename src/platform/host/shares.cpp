@@ -104,6 +104,7 @@ const SMB_Share_Info *SMB_Get_Share_Info(void) {
 }
 
 void SMB_Free_Share_Info(const SMB_Share_Info *info) {
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-static-cast-downcast): only what was lent comes back
   delete static_cast<const LentShareList *>(info);
 }
 

@@ -26,7 +26,7 @@ class ForeignFiles : public test::CacheTest {
  protected:
   // A file of ours with one listing "a" of one folder "/x".
   void makeListing() {
-    logged([this] { CacheStore(1, true).resetSchema(); });
+    logged([] { CacheStore(1, true).resetSchema(); });
     OtherConnection(file(1)).run("INSERT INTO cache VALUES ('a', '/x', '')");
   }
 };
@@ -54,7 +54,7 @@ TEST_F(ForeignFiles, APipeForAJournalIsNotWaitedForAndHidesTheListing) {
 TEST_F(ForeignFiles, AFreshFileTakesThePlaceOfPipes) {
   ASSERT_EQ(::mkfifo(file(1).c_str(), 0666), 0);
   ASSERT_EQ(::mkfifo((file(1) + "-journal").c_str(), 0666), 0);
-  logged([this] {
+  logged([] {
     CacheStore store(1, true);
     store.resetSchema();
     EXPECT_TRUE(store.holdsOwnTable());

@@ -59,7 +59,7 @@ TEST_F(SessionFiles, BeginASessionWithItsUser) {
 }
 
 TEST_F(SessionFiles, AreWritableByTheirOwnerAloneWhateverTheMask) {
-  for (const mode_t mask : {0000, 0022, 0077, 0777}) {
+  for (const mode_t mask : {0000U, 0022U, 0077U, 0777U}) {
     SCOPED_TRACE(mask);
     const TempDir own;
     const mode_t before = ::umask(mask);

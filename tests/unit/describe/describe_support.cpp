@@ -148,19 +148,19 @@ PlacedDir::~PlacedDir() {
 }
 
 std::string PlacedDir::write(const std::string &name, std::string_view content) const {
-  const std::string path = path_ + "/" + name;
+  std::string path = path_ + "/" + name;
   writeFile(path, content);
   return path;
 }
 
 std::string PlacedDir::mkdir(const std::string &name) const {
-  const std::string path = path_ + "/" + name;
+  std::string path = path_ + "/" + name;
   fs::create_directories(path);
   return path;
 }
 
 std::string PlacedDir::link(const std::string &name, const std::string &target) const {
-  const std::string path = path_ + "/" + name;
+  std::string path = path_ + "/" + name;
   fs::create_directories(fs::path(path).parent_path());
   fs::create_symlink(target, path);
   return path;

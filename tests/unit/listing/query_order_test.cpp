@@ -87,7 +87,8 @@ TEST(QuerySort, IsByNameUpwardUnlessToldOtherwise) {
 
 TEST(QuerySort, BeginsWithASorterThatDecidesNothing) {
   const Parsed parsed = parse_members(R"("sort": "size:desc")");
-  EXPECT_EQ(typeid(*parsed.query.sorter), typeid(Sorter));
+  const Sorter &head = *parsed.query.sorter;
+  EXPECT_EQ(typeid(head), typeid(Sorter));
 }
 
 TEST(QueryCluster, MakesTheClusterOfItsField) {
