@@ -13,8 +13,11 @@ from harness import bus
 # Seconds for a request. Nothing that is asked here takes a tenth of it, but a sanitizer on a machine with other work.
 TIME_LIMIT = 30.0
 SANITIZED_TIME_LIMIT = 150.0
-
 POINTS = ("mid-header", "mid-body", "before the reply", "mid-reply", "after the reply")
+
+
+def time_limit(instance):
+    return SANITIZED_TIME_LIMIT if instance.sanitized else TIME_LIMIT
 
 
 class Ended(Exception):
@@ -117,7 +120,7 @@ class Client(threading.Thread):
     def __init__(self, number, seed, instance, asks, chronicle, tally, until):
         super().__init__(daemon=True, name=f"client {number}")
         self.instance = instance
-        self.time_limit = SANITIZED_TIME_LIMIT if instance.sanitized else TIME_LIMIT
+        self.time_limit = time_limit(instance)
         self.chance = random.Random(f"{seed} {self.name}")
         self.asks, self.chronicle, self.tally = asks, chronicle, tally
         self.until = until

@@ -28,7 +28,7 @@ import shares  # noqa: E402
 import troubles  # noqa: E402
 from asks import Asks  # noqa: E402
 from chronicle import Chronicle  # noqa: E402
-from clients import SANITIZED_TIME_LIMIT, LeavingClient, StayingClient, Tally  # noqa: E402
+from clients import LeavingClient, StayingClient, Tally, time_limit  # noqa: E402
 
 STRANGERS = "daemon"  # an account that the service does not admit
 QUIET_TURNS = 100  # of a single client before and after the load
@@ -171,7 +171,7 @@ class Soak:
         pause = min(6.0, self.arguments.seconds / 5)
         shortages = troubles.Shortages(self.seed, self.instance, self.chronicle, group, pause)
         changers = [shares.Changer(folder) for folder in (*self.lively, self.tree)]
-        with troubles.Stranger(self.instance, STRANGERS) as stranger:
+        with troubles.Stranger(self.instance, STRANGERS, time_limit(self.instance)) as stranger:
             until = time.monotonic() + self.arguments.seconds
             clients = self.clients(self.seed, until)
             for thread in (*clients, killer, shortages, *changers):
@@ -188,7 +188,7 @@ class Soak:
         while any(client.is_alive() for client in clients):
             time.sleep(0.2)
             now = time.monotonic()
-            assert now < until + SANITIZED_TIME_LIMIT + 60, f"hung: {[(c.name, c.doing) for c in clients if c.is_alive()]}"
+            assert now < until + 2 * time_limit(self.instance), f"hung: {[(c.name, c.doing) for c in clients if c.is_alive()]}"
             self.instance.check()
             if now - told >= 30:
                 told = now

@@ -182,10 +182,10 @@ class Shortages(Troublemaker):
 
 STRANGER = """
 import socket, sys, time
-path, turns = sys.stdin.readline().strip(), 0
+path, limit, turns = sys.stdin.readline().strip(), float(sys.argv[1]), 0
 while True:
     with socket.socket(socket.AF_UNIX) as caller:
-        caller.settimeout(30)
+        caller.settimeout(limit)
         caller.connect(path)
         answer = b""
         try:
@@ -206,9 +206,10 @@ while True:
 class Stranger:
     """A process of a user whom the service does not admit, which tries all the time."""
 
-    def __init__(self, instance, user):
-        self.process = subprocess.Popen(["/usr/bin/python3", "-c", STRANGER], user=user, group=user, extra_groups=[],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, cwd="/")
+    def __init__(self, instance, user, time_limit):
+        self.process = subprocess.Popen(["/usr/bin/python3", "-c", STRANGER, str(time_limit)], user=user, group=user,
+                                        extra_groups=[], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, cwd="/")
         with self.process.stdin as path:  # not among the arguments, by which the instance's processes are known
             path.write(f"{instance.socket}\n".encode())
         self.turns = 0
