@@ -88,6 +88,28 @@ def test_a_stop_keeps_the_caches_of_live_sessions_alone(caching, number):
     assert names(page(caching, uuid)) == ["a"]
 
 
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_further_stop_signals_do_not_disturb_the_clean_up(caching, number):
+    """They arrive from the first removal to the last: no service is there any more that they could stop."""
+    caching.start("--level", "7", "--sid", caching.sid)
+    folder = caching.volume / ".fs"
+    for n in range(20_000):
+        os.close(os.open(folder / f"dead{n}.1", os.O_CREAT))
+    caching.process.send_signal(signal.SIGTERM)
+    assert wait_until(lambda: "[cache] remove" in caching.log(), interval=0.001), "the clean-up has not begun"
+    sent = 0
+    while caching.process.poll() is None:
+        caching.process.send_signal(number)
+        sent += 1
+        time.sleep(0.0005)
+    assert caching.wait_end() == 0
+    assert sent > 10, "the clean-up was over too soon to show anything"
+    assert cache_files(caching) == []
+    assert not caching.socket.exists() and not caching.pid_file.exists()
+    assert said(caching.lines())[-1] == ("I", f"[{caching.name}] shutdown service")
+    assert len([line for line in caching.lines() if "[cache] remove" in line]) == 20_000
+
+
 @pytest.mark.parametrize("level, tags", [("6", "EIII"), ("5", "E"), ("2", ""), ("7", "EIDIDI")])
 def test_the_level_decides_what_is_told(caching, level, tags):
     caching.start("--level", level, "--sid", caching.sid)

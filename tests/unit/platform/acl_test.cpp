@@ -214,4 +214,19 @@ TEST_F(AccessSwitches, AnswerEachByItsOwnKey) {
   EXPECT_EQ(all(), (std::vector{0, 0, 0, 3}));
 }
 
+TEST_F(Access, IsThatOfTheProcessWhateverNameIsGiven) {
+  const std::string path = file("owned", 0640, user, 0);
+  const std::string unknown(5'000, 'x');
+  for (const char *name : {"root", "nobody", "", "no such account", "\xFF\n", unknown.c_str()}) {
+    EXPECT_EQ(in_child([&] {
+                if (::setegid(group) != 0 || ::seteuid(user) != 0) {
+                  ::_exit(99);
+                }
+                ::_exit(Get_ACL_User_Group_Security_For_Share(name, path.c_str()) == 6 ? 0 : 1);
+              }),
+              0)
+        << name;
+  }
+}
+
 }  // namespace

@@ -66,4 +66,12 @@ TEST_F(Media, SeesAChangeOfThePatterns) {
   EXPECT_EQ(MediaLib_Transcoding_CheckFile(2, "/b"), 0);
 }
 
+TEST_F(Media, KnowsTranscodedFilesOfWhateverKindIsAskedFor) {
+  put(platform_file, "[MEDIA]\ntranscoded = /a/*\n");
+  for (const int kind : {0, 1, 2, 3, -1, 1 << 30}) {
+    EXPECT_EQ(MediaLib_Transcoding_CheckFile(kind, "/a/x"), 1) << kind;
+    EXPECT_EQ(MediaLib_Transcoding_CheckFile(kind, "/b/x"), 0) << kind;
+  }
+}
+
 }  // namespace
