@@ -63,11 +63,15 @@ void on_stop_signal(int /*signal_number*/) {
   }
 }
 
+const char *last_error() {
+  return std::strerror(errno);  // NOLINT(concurrency-mt-unsafe): each thread has a text of its own
+}
+
 int serve(const std::string &instance_name) {
   bus_service = hx_create(instance_name.c_str(), 2, 1, on_bus_request);
   if (bus_service == nullptr) {
     log_error("[%s] cannot create the bus service below \"%s/var/run\": %s", instance_name.c_str(), hx_root(),
-              errno == ENAMETOOLONG ? "the socket's path is longer than the kernel allows" : std::strerror(errno));
+              errno == ENAMETOOLONG ? "the socket's path is longer than the kernel allows" : last_error());
     return 1;
   }
   if (stop_requested != 0) {
@@ -76,7 +80,7 @@ int serve(const std::string &instance_name) {
   hx_worker_init(bus_service, on_worker_init, nullptr);
   hx_worker_fini(bus_service, on_worker_fini, nullptr);
   if (hx_start(bus_service) != 0) {
-    log_error("[%s] the bus service ended: %s", instance_name.c_str(), std::strerror(errno));
+    log_error("[%s] the bus service ended: %s", instance_name.c_str(), last_error());
     return 1;
   }
   return 0;
