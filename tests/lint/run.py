@@ -24,6 +24,7 @@ import pathlib
 import re
 import resource
 import shlex
+import shutil
 import subprocess
 import sys
 import time
@@ -148,8 +149,7 @@ class State:
         self._texts = {}
         tools = run(["clang-tidy", "--version"]).stdout
         libraries = run(["dpkg-query", "-W", "-f", "${Package} ${Version}\n", "*-dev", "clang*"]).stdout
-        own = (pathlib.Path(__file__).read_text(encoding="utf-8"), (TOP / ".clang-tidy").read_text(encoding="utf-8"))
-        self._common = digest(tools, libraries, *own)
+        self._common = digest(tools, libraries, pathlib.Path(__file__).read_text(encoding="utf-8"))
 
     def _text(self, path):
         if path not in self._texts:
@@ -178,17 +178,18 @@ class State:
 
     def of(self, source):
         seen, _ = self._reached(source)
-        checks = config_of(source).read_text(encoding="utf-8")
-        return digest(self._common, checks, *self._commands[source][1],
+        checks = [config.read_text(encoding="utf-8") for config in configs_of(source)]
+        return digest(self._common, *checks, *self._commands[source][1],
                       *(f"{path} {seen[path]}" for path in sorted(seen)))
 
     def libraries(self, source):
         return self._reached(source)[1]
 
 
-def config_of(source):
-    """The nearest .clang-tidy above a source."""
-    return next(folder / ".clang-tidy" for folder in (TOP / source).parents if (folder / ".clang-tidy").is_file())
+def configs_of(source):
+    """Every .clang-tidy above a source, the nearest first."""
+    folders = [folder for folder in (TOP / source).parents if folder.is_relative_to(TOP)]
+    return tuple(folder / ".clang-tidy" for folder in folders if (folder / ".clang-tidy").is_file())
 
 
 def names_defined(source):
@@ -203,13 +204,13 @@ def names_defined(source):
 
 
 def units_of(sources, commands, state):
-    """Lists of sources that can be checked as one: same folder, command and checks, no name defined twice.
+    """Lists of sources that can be checked as one: same folder and command, no name defined twice.
 
     Sources that need the same libraries stand together, so that the others do not pay for them.
     """
     alike = collections.defaultdict(list)
     for source in sources:
-        alike[(source.parent, source.suffix, config_of(source), tuple(commands[source][1]))].append(source)
+        alike[(source.parent, source.suffix, tuple(commands[source][1]))].append(source)
     units = []
     for group in alike.values():
         open_units = []
@@ -252,11 +253,11 @@ def tidy(sources, commands):
     if len(sources) == 1:
         file = TOP / sources[0]
     else:
-        file = UNITS / (digest(*map(str, sources))[:16] + sources[0].suffix)
+        file = UNITS / sources[0].parent / (digest(*map(str, sources))[:16] + sources[0].suffix)
         file.write_text("".join(f'#include "{TOP / source}"  // NOLINT: one unit, see tests/lint/run.py\n'
                                 for source in sources), encoding="utf-8")
         extra += UNIT_ARGUMENTS
-    done = run(["clang-tidy", "--quiet", f"--config-file={config_of(sources[0])}",
+    done = run(["clang-tidy", "--quiet",
                 f"--header-filter=^{re.escape(str(TOP))}/({'|'.join(FOLDERS)})/", str(file), "--",
                 *arguments[1:], *extra], cwd=directory)
     found = findings_of(done.stdout)
@@ -278,10 +279,19 @@ def check_unit(sources, commands):
     return sources, found, time.monotonic() - started
 
 
+def make_folders_of_units(sources):
+    """One for each folder of sources, with copies of the .clang-tidy files: the folders of a file give its checks."""
+    shutil.rmtree(UNITS, ignore_errors=True)
+    for source in sources:
+        (UNITS / source.parent).mkdir(parents=True, exist_ok=True)
+        for config in configs_of(source):
+            shutil.copyfile(config, UNITS / config.relative_to(TOP))
+
+
 def check_with_tidy(jobs, use_cache, paths, log):
     configure()
-    UNITS.mkdir(parents=True, exist_ok=True)
     commands = compile_commands()
+    make_folders_of_units(commands)
     state = State(commands)
     states = {source: state.of(source) for source in commands}
     clean = json.loads(CLEAN.read_text(encoding="utf-8")) if use_cache and CLEAN.is_file() else {}
