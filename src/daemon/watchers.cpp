@@ -1,5 +1,6 @@
 #include "daemon/watchers.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -98,7 +99,7 @@ void CacheWatcher::stop() {
   ::eventfd_write(wake_.get(), 1);
   ::pthread_join(thread_, nullptr);
   const std::lock_guard lock(mutex_);
-  inotify_.reset();  // and with it every watch
+  inotify_.reset();  // and with it, once no add() holds a copy, every watch
   wake_.reset();
   watches_.clear();
 }
@@ -112,17 +113,25 @@ void CacheWatcher::clear() {
 }
 
 std::size_t CacheWatcher::add(const std::vector<std::string> &folders) {
+  // A copy: the daemon may stop the watcher meanwhile, and the number would then be another file's.
+  UniqueFd inotify;
+  {
+    const std::lock_guard lock(mutex_);
+    inotify.reset(inotify_.valid() ? ::fcntl(inotify_.get(), F_DUPFD_CLOEXEC, 0) : -1);
+  }
   std::size_t refused = 0;
   for (const std::string &folder : folders) {
     // Without the mutex: a folder on a file system that hangs must not hang the poll thread too. An event before the
     // watch is noted does not matter, since the times are set below.
-    const int watch = ::inotify_add_watch(inotify_.get(), folder.c_str(), relevant_events);
+    const int watch = ::inotify_add_watch(inotify.get(), folder.c_str(), relevant_events);
     if (watch < 0) {
       ++refused;
       continue;
     }
     const std::lock_guard lock(mutex_);
-    watches_.insert(watch);
+    if (inotify_.valid()) {
+      watches_.insert(watch);
+    }
   }
   set_both_times();
   return refused;

@@ -49,7 +49,9 @@ class CacheWatcher {
   UniqueFd wake_;  // an eventfd that ends the poll thread's wait
   std::atomic<bool> running_{false};
   pthread_t thread_{};
-  std::mutex mutex_;       // guards watches_: the pool thread changes it, the poll thread reads it
+  // Guards watches_, which the pool thread changes and the poll thread reads, and inotify_ where it is closed or
+  // copied.
+  std::mutex mutex_;
   std::set<int> watches_;  // watch descriptors; the kernel does not give a number out again
 };
 

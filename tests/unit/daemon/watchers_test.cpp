@@ -62,6 +62,24 @@ TEST_F(WatcherTest, SetsBothTimesWhenItStarts) {
   EXPECT_EQ(times_.lastChange, times_.lastReload);
 }
 
+// The daemon stops its watchers while its pool may still be busy with a "watch" request.
+TEST_F(WatcherTest, MayBeStoppedWhileFoldersAreAdded) {
+  std::thread pool([this] {
+    const std::vector<std::string> folders(50, folder_.path());
+    for (int i = 0; i < 50; ++i) {
+      watcher_.clear();
+      watcher_.add(folders);
+    }
+  });
+  watcher_.stop();
+  pool.join();
+  EXPECT_EQ(watcher_.add({folder_.path(), "/"}), 2U) << "a stopped watcher watches nothing";
+  ASSERT_TRUE(watcher_.start());
+  watch({folder_.path()});
+  folder_.write("file");
+  EXPECT_TRUE(changed());
+}
+
 TEST_F(WatcherTest, NoticesEachKindOfChange) {
   const std::string inside = folder_.mkdir("inside");
   const std::string file = folder_.write("inside/file", "x");
