@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-from harness.instance import wait_until
+from harness.instance import PLAIN_CRASHES, wait_until
 from harness.loglines import said
 from harness.tree import make_file, make_folder
 
@@ -177,7 +177,7 @@ def test_a_request_process_that_ends_early_concerns_its_client_alone(nobodys, nu
     slow_probe(nobodys, 30)
     quick = make_folder(nobodys.root / "quick")
     make_file(quick / "a")
-    nobodys.start(ASAN_OPTIONS="handle_segv=0")
+    nobodys.start(**PLAIN_CRASHES)
     with ask_in_background(nobodys) as raw:
         has_begun(nobodys)
         process, = nobodys.request_processes()

@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from harness.instance import wait_until
+from harness.instance import PLAIN_CRASHES, wait_until
 from harness.loglines import parse, said
 
 # --- Start and orderly stop ---
@@ -102,7 +102,7 @@ def test_the_highest_level_reports_a_crash(instance, level):
 
 
 def test_below_the_highest_level_a_crash_is_the_systems_own(instance):
-    instance.start("--level", "7", "--sid", instance.sid, ASAN_OPTIONS="handle_segv=0")
+    instance.start("--level", "7", "--sid", instance.sid, **PLAIN_CRASHES)
     before = instance.log()
     instance.process.send_signal(signal.SIGSEGV)
     assert instance.wait_end() == -signal.SIGSEGV

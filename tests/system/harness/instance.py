@@ -21,6 +21,10 @@ PASSED_ON = {name: os.environ[name]
              for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "GCOV_PREFIX")
              if name in os.environ}
 
+# Lets a crash be the system's own where a sanitizer would report and end it.
+PLAIN_CRASHES = {name: ":".join(filter(None, (os.environ.get(name), "handle_segv=0")))
+                 for name in ("ASAN_OPTIONS", "TSAN_OPTIONS")}
+
 
 def binary_folder():
     folder = pathlib.Path(os.environ.get("DIRWELL_BUILD") or TOP / "build" / "release")
