@@ -42,11 +42,15 @@ class Holdings:
         self.resident = memory["Rss"]
         self.private = memory["Private_Clean"] + memory["Private_Dirty"]
         self.anonymous = memory["Anonymous"]
+        times = [(task / "schedstat").read_text().split()[:2] for task in (base / "task").iterdir()]
+        self.ran, self.waited = (sum(int(time[column]) for time in times) / 1e9 for column in (0, 1))
 
     def rows(self, later):
         return [("descriptors", self.descriptors, later.descriptors), ("threads", self.threads, later.threads),
                 ("resident KiB", self.resident, later.resident), ("private KiB", self.private, later.private),
-                ("anonymous KiB", self.anonymous, later.anonymous)]
+                ("anonymous KiB", self.anonymous, later.anonymous),
+                ("processor seconds", f"{self.ran:.1f}", f"{later.ran:.1f}"),
+                ("seconds waited for one", f"{self.waited:.1f}", f"{later.waited:.1f}")]
 
 
 def percentile(ordered, share):
@@ -80,7 +84,7 @@ def print_report(tally, seconds, troubles, before, after, out):
     print_table(["milliseconds", "replies", "50 %", "90 %", "99 %", "most"], rows, out)
     print_table(["clients that left", "times"], sorted(tally.left.items()), out)
     print_table(["done to the service", "times"], troubles, out)
-    print_table(["the daemon holds", "before", "after"], before.rows(after), out)
+    print_table(["the daemon has", "before", "after"], before.rows(after), out)
 
 
 def trouble_rows(chronicle, killer, group, stranger_turns, changes, asks):
