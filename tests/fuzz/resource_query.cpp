@@ -207,7 +207,7 @@ std::string refusal(const json_t *request) {
   if (!locale_of(request)) {
     return "invalid lang";
   }
-  if (const std::string roots = roots_refusal(member("path")); !roots.empty()) {
+  if (std::string roots = roots_refusal(member("path")); !roots.empty()) {
     return roots;
   }
   if (bad(member("name"), [](const json_t *value) { return text_at(value).has_value(); })) {
