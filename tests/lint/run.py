@@ -5,10 +5,10 @@ Usage: run.py [--jobs N] [--no-cache] [--verbose] [PATH...]; with paths clang-ti
 Quiet while everything is clean; the last line is a summary. Exits 1 for a finding, and also when a tool fails, finds no
 files or has no command for one: what was not checked is not clean.
 
-clang-tidy is nine tenths of the time, and nearly all of that goes into the headers of the libraries, which it parses and
-walks anew for each source. So the sources of one folder that are to be checked go through it as one unit (a file that
-includes them), which is the same code under the same checks. Sources that define the same name at their top level are
-kept apart, and if a unit still does not compile, its sources are checked one by one.
+clang-tidy is nine tenths of the time, and nearly all of that goes into the headers of the libraries, which it parses
+and walks anew for each source. So the sources of one folder that are to be checked go through it as one unit (a file
+that includes them), which is the same code under the same checks. Sources that define the same name at their top level
+are kept apart, and if a unit still does not compile, its sources are checked one by one.
 
 A source that was clean is not checked again until it, a header of ours that it reaches, its command, the checks, the
 tools or an installed library changes (build/lint/clean.json).
@@ -38,16 +38,20 @@ FOLDERS = ["src", "tests", "bench"]
 # Findings that are dropped, as (end of the path, check, reason); none is about a line of ours.
 DROPPED = [
     ("boost/asio/impl/awaitable.hpp", "clang-analyzer-core.NullDereference",
-     "the analyzer does not follow a coroutine from its suspension to its resumption, which sets what it finds missing"),
+     "the analyzer does not follow a coroutine from its suspension to its resumption, which sets what it misses"),
     ("boost/asio/impl/awaitable.hpp", "clang-analyzer-core.CallAndMessage", "the same"),
     ("boost/asio/impl/awaitable.hpp", "clang-analyzer-core.UndefinedBinaryOperatorResult", "the same"),
 ]
 
 # clang is not g++: it does not know some of the warnings that our flags name, and finds unused what g++ needs.
 CLANG_ARGUMENTS = ["-Wno-unknown-warning-option", "-Wno-unused-command-line-argument"]
-# In a unit our sources are included files, which the analyzer would take for headers and leave out, and the names of one
-# source are there for the next one to shadow; g++ warns of what is shadowed in a single one.
+# In a unit our sources are included files, which the analyzer would take for headers and leave out, and the names of
+# one source are there for the next one to shadow; g++ warns of what is shadowed in a single one.
 UNIT_ARGUMENTS = ["-Xclang", "-analyzer-opt-analyze-headers", "-Wno-shadow"]
+# The analyzer follows a source into what it calls. In the functions of these libraries it would be lost for minutes, so
+# it goes less deep where they are used.
+DEEP_LIBRARIES = {"boost", "CLI"}
+SHALLOW_ARGUMENTS = ["-Xclang", "-analyzer-config", "-Xclang", "mode=shallow"]
 
 # The most sources of one unit: more gain little, and the last one running has nobody beside it.
 MOST_IN_UNIT = 12
@@ -65,7 +69,7 @@ class Failure(Exception):
 
 def run(command, **options):
     try:
-        return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False, **options)
+        return subprocess.run(command, capture_output=True, text=True, check=False, **options)
     except FileNotFoundError:
         raise Failure(f"{command[0]} is not installed") from None
 
@@ -105,8 +109,12 @@ def check_with_cppcheck(jobs):
                "--enable=warning,style,performance,portability", "--suppressions-list=tests/lint/cppcheck.txt",
                "--library=posix,gnu,googletest,sqlite3", "-D_GNU_SOURCE", "-Isrc", "-Itests", "-Itests/unit",
                "--template={file}:{line}: {severity}: {message} [{id}]"]
-    sources = {"--std=c++20": files_of(".cpp"), "--std=c11": files_of(".c") if any(TOP.glob("tests/**/*.c")) else []}
-    return "".join(must([*command, standard, *map(str, paths)], "cppcheck") for standard, paths in sources.items() if paths)
+    findings = ""
+    for standard, suffix in (("--std=c++20", ".cpp"), ("--std=c11", ".c")):
+        sources = [str(path) for path in files_of(".cpp", ".c") if path.suffix == suffix]
+        if sources:
+            findings += must([*command, standard, *sources], "cppcheck")
+    return findings
 
 
 # clang-tidy
@@ -159,7 +167,7 @@ class State:
         return self._texts[path]
 
     def _reached(self, source):
-        """The files of ours that a source is made of, with their digests, and the folders of library headers in them."""
+        """The files of ours that a source is made of, with their digests, and what libraries they include."""
         folders = [pathlib.Path(argument[2:]) for argument in self._commands[source][1]
                    if argument.startswith("-I") and argument[2:].startswith(str(TOP))]
         seen, libraries = {}, set()
@@ -206,11 +214,12 @@ def names_defined(source):
 def units_of(sources, commands, state):
     """Lists of sources that can be checked as one: same folder and command, no name defined twice.
 
-    Sources that need the same libraries stand together, so that the others do not pay for them.
+    Sources that need the same libraries stand together, the deep ones apart, so that the others do not pay for them.
     """
     alike = collections.defaultdict(list)
     for source in sources:
-        alike[(source.parent, source.suffix, tuple(commands[source][1]))].append(source)
+        deep = not DEEP_LIBRARIES.isdisjoint(state.libraries(source))
+        alike[(source.parent, source.suffix, deep, tuple(commands[source][1]))].append(source)
     units = []
     for group in alike.values():
         open_units = []
@@ -246,10 +255,12 @@ def dropped(path, check):
     return any(path.endswith(end) and check == dropped_check for end, dropped_check, _ in DROPPED)
 
 
-def tidy(sources, commands):
+def tidy(sources, commands, state):
     """Findings of one unit, and whether it compiled."""
     directory, arguments = commands[sources[0]]
     extra = list(CLANG_ARGUMENTS)
+    if not DEEP_LIBRARIES.isdisjoint(state.libraries(sources[0])):
+        extra += SHALLOW_ARGUMENTS
     if len(sources) == 1:
         file = TOP / sources[0]
     else:
@@ -269,13 +280,13 @@ def tidy(sources, commands):
     return kept, compiled
 
 
-def check_unit(sources, commands):
+def check_unit(sources, commands, state):
     started = time.monotonic()
-    found, compiled = tidy(sources, commands)
+    found, compiled = tidy(sources, commands, state)
     if not compiled and len(sources) > 1:
         found = []
         for source in sources:
-            found += tidy([source], commands)[0]
+            found += tidy([source], commands, state)[0]
     return sources, found, time.monotonic() - started
 
 
@@ -304,7 +315,8 @@ def check_with_tidy(jobs, use_cache, paths, log):
     units = sorted(units_of(stale, commands, state), key=lambda unit: sum(map(weight, unit)), reverse=True)
     told = set()  # a finding in a header comes from each unit that reaches it
     with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
-        for future in concurrent.futures.as_completed([pool.submit(check_unit, unit, commands) for unit in units]):
+        checks = [pool.submit(check_unit, unit, commands, state) for unit in units]
+        for future in concurrent.futures.as_completed(checks):
             unit, found, seconds = future.result()
             log(f"{seconds:6.1f} s  {' '.join(map(str, unit))}")
             for place, text in ((text.split("\n", 1)[0], text) for _, _, text in found):
