@@ -202,9 +202,9 @@ JsonRef CacheStore::set(const std::vector<ResourceEntry> &entries, ErrorRecord &
   }
   log_info("[cache] uuid %s created", uuid.c_str());
   JsonRef reply(json_object());
-  json_object_set_new(reply.get(), "cluster", clusters.summary().release());
-  json_object_set_new(reply.get(), "uuid", json_text(uuid).release());
-  json_object_set_new(reply.get(), "total", json_integer(static_cast<json_int_t>(entries.size())));
+  json_put(reply.get(), "cluster", clusters.summary().release());
+  json_put(reply.get(), "uuid", json_text(uuid).release());
+  json_put(reply.get(), "total", json_integer(static_cast<json_int_t>(entries.size())));
   return reply;
 }
 
@@ -229,20 +229,26 @@ JsonRef CacheStore::fetch(const std::string &listing, std::int64_t offset, std::
     page.bind(page.parameter("@offset"), static_cast<std::int32_t>(offset));
     SharedText folder;
     SharedText alias;
-    while (page.step() == SQLITE_ROW) {
+    int result = SQLITE_ROW;
+    while ((result = page.step()) == SQLITE_ROW) {
       if (!formatter) {
         continue;
       }
       follow(folder, page.text(0));
       follow(alias, page.text(3));
-      json_array_append_new(datas.get(), formatter->format(ResourceEntry::fromStatus(folder, page.text(1),
-                                                                                     statusOf(page.blob(2)), alias)));
+      json_append(datas.get(),
+                  formatter->format(ResourceEntry::fromStatus(folder, page.text(1), statusOf(page.blob(2)), alias)));
+    }
+    if (result != SQLITE_DONE) {  // rows are missing, and nobody could tell
+      logFailure(result);
+      set_error(error, error_failed_operation, "cache failure");
+      return nullptr;
     }
   }
   JsonRef reply(json_object());
-  json_object_set_new(reply.get(), "datas", datas.release());
-  json_object_set_new(reply.get(), "total", json_integer(plan.total));
-  json_object_set_new(reply.get(), "changed", json_boolean(cacheChanged(index)));
+  json_put(reply.get(), "datas", datas.release());
+  json_put(reply.get(), "total", json_integer(plan.total));
+  json_put(reply.get(), "changed", json_boolean(cacheChanged(index)));
   if (formatter) {
     formatter->formatSettings(reply.get());
   }
@@ -275,7 +281,7 @@ JsonRef CacheStore::clusterSummary() {
                       "SELECT GROUP_CONCAT(DISTINCT cluster), count(*) FROM ( SELECT rowid id, cluster FROM entry ) "
                       "GROUP BY cluster ORDER BY MIN(id)");
   while (statement.step() == SQLITE_ROW) {
-    json_array_append_new(summary.get(), clusterItem(statement.text(0), statement.number(1)).release());
+    json_append(summary.get(), clusterItem(statement.text(0), statement.number(1)).release());
   }
   return summary;
 }

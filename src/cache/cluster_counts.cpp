@@ -4,8 +4,8 @@ namespace dirwell {
 
 JsonRef clusterItem(std::string_view cluster, std::int64_t count) {
   JsonRef item(json_object());
-  json_object_set_new(item.get(), "value", json_text(cluster).release());
-  json_object_set_new(item.get(), "count", json_integer(count));
+  json_put(item.get(), "value", json_text(cluster).release());
+  json_put(item.get(), "count", json_integer(count));
   return item;
 }
 
@@ -24,7 +24,7 @@ void ClusterCounts::add(std::string_view cluster) {
 JsonRef ClusterCounts::summary() const {
   JsonRef summary(json_array());
   for (const Row &row : rows_) {
-    json_array_append_new(summary.get(), clusterItem(row.cluster, row.count).release());
+    json_append(summary.get(), clusterItem(row.cluster, row.count).release());
   }
   return summary;
 }

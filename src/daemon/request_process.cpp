@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -29,12 +30,13 @@ std::unique_ptr<ThreadPool> thread_pool;  // written by the worker hooks, used b
 
 // The request text as an object, with the bus's parameters over it. Text that is no JSON object counts as an empty one.
 JsonRef build_request_object(hx_io *io, json_t *parameters) {
-  json_error_t ignored;
-  JsonRef request(json_loads(hx_io_read(io, 0), 0, &ignored));
+  JsonRef request = json_parsed(hx_io_read(io, 0));
   if (!json_is_object(request.get())) {
     request.reset(json_object());
   }
-  json_object_update(request.get(), parameters);
+  if (json_object_update(request.get(), parameters) != 0) {
+    throw std::bad_alloc();  // both are objects
+  }
   hx_io_realloc(io, 0);
   return request;
 }
@@ -110,7 +112,8 @@ void watch_prehandler(hx_request *request, hx_rest_handler handler, hx_io *io, j
     return;
   }
   JsonRef brought_along(json_deep_copy(parameters));
-  thread_pool->submit(handler, request, io, brought_along.release(), descriptor);
+  thread_pool->submit(handler, request, io, brought_along.get(), descriptor);
+  static_cast<void>(brought_along.release());  // the pool's now, and perhaps gone already
 }
 
 void close_inherited_fds() {

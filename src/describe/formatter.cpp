@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <new>
 #include <string_view>
 
 #include "describe/cache_state.h"
@@ -55,19 +54,12 @@ bool holds(const Range &range, const Value &value) {
   return std::ranges::find(range, value) != range.end();
 }
 
-// Takes the reference of `value`. Only a lack of memory can make this fail: the keys are ours and the values are made.
-void put(json_t *object, const char *key, json_t *value) {
-  if (json_object_set_new_nocheck(object, key, value) != 0) {
-    throw std::bad_alloc();
-  }
-}
-
 void putInteger(json_t *object, const char *key, json_int_t value) {
-  put(object, key, json_integer(value));
+  json_put(object, key, json_integer(value));
 }
 
 void putText(json_t *object, const char *key, std::string_view value) {
-  put(object, key, json_text(value).release());
+  json_put(object, key, json_text(value).release());
 }
 
 std::string privilegeText(mode_t mode) {

@@ -95,10 +95,6 @@ std::int32_t codeOf(std::span<const CodeRow> rows, std::string_view text, std::i
   return row == rows.end() ? fallback : row->code;
 }
 
-JsonRef parsed(const std::string &text) {
-  return JsonRef(json_loads(text.c_str(), 0, nullptr));
-}
-
 // Copies a member that is a string; returns whether it is one.
 bool readText(const json_t *object, const char *key, std::string &text) {
   const char *value = json_string_value(json_object_get(object, key));
@@ -198,7 +194,7 @@ int readFileStatus(const std::string &fullPath, bool isFolder, FileStatus &recor
     return -1;
   }
   if (const auto value = readAttribute(fullPath, file_attribute, file_attribute_capacity)) {
-    if (const JsonRef object = parsed(*value)) {
+    if (const JsonRef object = json_parsed(value->c_str())) {
       readMembers(object.get(), record);
       record.derivedStatus = deriveStatus(record);
     }
@@ -219,7 +215,7 @@ std::int32_t readRootStatus(const std::string &fullPath) {
   if (!value) {
     return errno == ENODATA ? status_sound : -1;
   }
-  const JsonRef object = parsed(*value);
+  const JsonRef object = json_parsed(value->c_str());
   const json_t *status = json_object_get(object.get(), "status");
   return json_is_integer(status) ? static_cast<std::int32_t>(json_integer_value(status)) : -1;
 }
@@ -245,9 +241,10 @@ int readEncryptedFolderStatus(const std::string &fullPath, EncryptedFolder &reco
     return -1;
   }
   const MountNames names = mountNames(fullPath);
-  const JsonRef reply = parsed(captureProgram({mount_tool, "--func", "get_encrypted_folder_runtime_status",
-                                               names.connection.c_str(), "--uuid", names.uuid.c_str()},
-                                              CapturedStream::output));
+  const std::string told = captureProgram({mount_tool, "--func", "get_encrypted_folder_runtime_status",
+                                           names.connection.c_str(), "--uuid", names.uuid.c_str()},
+                                          CapturedStream::output);
+  const JsonRef reply = json_parsed(told.c_str());
   const json_t *data = json_object_get(reply.get(), "data");
   const char *folder = json_string_value(json_object_get(data, "encrypted_folder"));
   const json_t *status = json_object_get(data, "status");

@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -31,13 +33,18 @@ struct DirectoryRelease {
 using OpenDirectory = std::unique_ptr<DIR, DirectoryRelease>;
 
 OpenDirectory openDirectory(const std::string &path) {
-  UniqueFd descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd descriptor;
+  do {
+    descriptor.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  } while (!descriptor.valid() && errno == EINTR);
   if (!descriptor.valid()) {
     return nullptr;
   }
   OpenDirectory directory(::fdopendir(descriptor.get()));
   if (directory != nullptr) {
     descriptor.release();
+  } else if (errno == ENOMEM) {
+    throw std::bad_alloc();  // nothing is wrong with the folder, which must not look as if it could not be read
   }
   return directory;
 }

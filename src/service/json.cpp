@@ -8,6 +8,26 @@
 
 namespace dirwell {
 
+namespace {
+
+// When memory is short, Jansson's parser calls the text invalid or leaves parts of it out. So its allocations are
+// watched.
+thread_local bool memory_was_short = false;
+
+void *watched_malloc(std::size_t size) {
+  void *const memory = std::malloc(size);
+  memory_was_short = memory_was_short || memory == nullptr;
+  return memory;
+}
+
+// Before any value is made.
+[[maybe_unused]] const bool watching = []() noexcept {
+  json_set_alloc_funcs(watched_malloc, std::free);
+  return true;
+}();
+
+}  // namespace
+
 std::string well_formed_utf8(std::string_view bytes) {
   std::string text;
   icu::UnicodeString::fromUTF8(icu::StringPiece(bytes.data(), static_cast<std::int32_t>(bytes.size())))
@@ -23,6 +43,27 @@ JsonRef json_text(std::string_view bytes) {
     value.reset(json_stringn(text.data(), text.size()));
   }
   if (!value) {
+    throw std::bad_alloc();
+  }
+  return value;
+}
+
+void json_put(json_t *object, const char *key, json_t *value) {
+  if (json_object_set_new_nocheck(object, key, value) != 0) {
+    throw std::bad_alloc();
+  }
+}
+
+void json_append(json_t *array, json_t *value) {
+  if (json_array_append_new(array, value) != 0) {
+    throw std::bad_alloc();
+  }
+}
+
+JsonRef json_parsed(const char *text) {
+  memory_was_short = false;
+  JsonRef value(json_loads(text, 0, nullptr));
+  if (memory_was_short) {
     throw std::bad_alloc();
   }
   return value;

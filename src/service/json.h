@@ -26,6 +26,14 @@ JsonRef json_text(std::string_view bytes);
 // value and the new place. A null `part` adds nothing.
 void json_merge(json_t *object, const JsonRef &part);
 
+// Put a value, whose reference they take over, into an object under a well-formed key, or at the end of an array. They
+// throw std::bad_alloc where the value could not be made (null) or has no place: a reply is whole, or it is not sent.
+void json_put(json_t *object, const char *key, json_t *value);
+void json_append(json_t *array, json_t *value);
+
+// As json_loads(), but throws std::bad_alloc where memory and not the text is to blame. Null for what is no JSON.
+JsonRef json_parsed(const char *text);
+
 // True for JSON true, an integer above 0 and the string "true" in any letter case; false for all else and for null.
 bool json_as_bool(const json_t *value);
 

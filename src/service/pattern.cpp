@@ -1,7 +1,10 @@
 #include "service/pattern.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
+#include <span>
 
 namespace dirwell {
 
@@ -16,13 +19,25 @@ Pattern::~Pattern() {
   ::regfree(&compiled_);
 }
 
+bool Pattern::execute(const char *text, std::span<regmatch_t> found) const {
+  // The library says "no match" when memory does not suffice as well; the allocation that failed tells.
+  errno = 0;
+  if (::regexec(&compiled_, text, found.size(), found.data(), 0) == 0) {
+    return true;
+  }
+  if (errno == ENOMEM) {
+    throw std::bad_alloc();
+  }
+  return false;
+}
+
 bool Pattern::matches(const char *text) const {
-  return ::regexec(&compiled_, text, 0, nullptr, 0) == 0;
+  return execute(text, {});
 }
 
 std::optional<Pattern::Groups> Pattern::groups(const char *text) const {
   std::array<regmatch_t, std::tuple_size_v<Groups>> found{};
-  if (::regexec(&compiled_, text, found.size(), found.data(), 0) != 0) {
+  if (!execute(text, found)) {
     return std::nullopt;
   }
   Groups groups;

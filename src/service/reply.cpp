@@ -67,15 +67,15 @@ int append_to_io(const char *data, std::size_t size, void *io) {
   return hx_io_write(static_cast<hx_io *>(io), data, size) == size ? 0 : -1;
 }
 
-// Write errors are not reported: they mean that the client is going away.
-void write_to_descriptor(int descriptor, const json_t *object) {
+// False when not all of it is out: the client is going away, or memory is short.
+bool write_to_descriptor(int descriptor, const json_t *object) {
   BufferedWriter writer(descriptor);
-  writer.append(reply_head.data(), reply_head.size());
-  if (json_dump_callback(object, append_to_descriptor, &writer, reply_json_flags) == 0) {
-    writer.flush();
-  }
+  const bool written = writer.append(reply_head.data(), reply_head.size()) &&
+                       json_dump_callback(object, append_to_descriptor, &writer, reply_json_flags) == 0 &&
+                       writer.flush();
   // Matters where the bus hands out a file; a socket has nothing to sync and says so.
   ::fsync(descriptor);
+  return written;
 }
 
 }  // namespace
@@ -93,16 +93,14 @@ void write_reply(hx_io *io, int descriptor, json_t *result, const ErrorRecord &r
   }
   const JsonRef own(result == nullptr ? json_object() : nullptr);
   json_t *object = result == nullptr ? own.get() : result;
-  json_object_set_new(object, "error_code", json_integer(record.code));
+  json_put(object, "error_code", json_integer(record.code));
   // A message quotes only fixed texts and texts of the database, which need not be well-formed.
-  json_object_set_new(object, "error_message", json_text(record.message).release());
+  json_put(object, "error_message", json_text(record.message).release());
   hx_io_realloc(io, 0);
-  if (descriptor < 0) {
-    dump_json(object, io);
-  } else {
-    write_to_descriptor(descriptor, object);
+  // Half a reply must not pass for a whole one, so it is not completed: the bus then tells the client.
+  if (descriptor < 0 ? dump_json(object, io) : write_to_descriptor(descriptor, object)) {
+    hx_reply(io);
   }
-  hx_reply(io);
 }
 
 }  // namespace dirwell

@@ -10,7 +10,8 @@ namespace dirwell {
 
 // Writes `result` (or a new object when null) with the record's code and message to `descriptor`, or into `io` when the
 // descriptor is negative, and completes the reply. A record with an error empties `result` first: a failed request
-// returns no partial data. Writes nothing when the client has gone; write errors end the writing silently. `result` is
+// returns no partial data. Writes nothing when the client has gone; a reply that cannot be written to its end is left
+// incomplete, silently. Throws std::bad_alloc, with nothing written, when it cannot be put together. `result` is
 // borrowed and changed. Called once per request, by the thread that serves it.
 void write_reply(hx_io *io, int descriptor, json_t *result, const ErrorRecord &record);
 

@@ -9,7 +9,7 @@
 
 namespace dirwell {
 
-ThreadPool::ThreadPool(std::size_t count, Prepare prepare) : prepare_(prepare) {
+ThreadPool::ThreadPool(std::size_t count, Prepare prepare) : prepare_(prepare), stop_job_(1) {
   threads_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     pthread_t thread{};
@@ -39,7 +39,8 @@ void ThreadPool::submit(hx_rest_handler handler, hx_request *request, hx_io *io,
   {
     const std::lock_guard lock(mutex_);
     if (ring_.size() < most_waiting && (ring_.empty() || waiting_bytes_ + bytes <= most_waiting_bytes)) {
-      ring_.push_back(std::exchange(job, {}));
+      ring_.push_back(job);  // or throws, and then all is the caller's still
+      job = {};
       waiting_bytes_ += bytes;
     }
   }
@@ -50,7 +51,7 @@ void ThreadPool::submit(hx_rest_handler handler, hx_request *request, hx_io *io,
 void ThreadPool::stop() {
   {
     const std::lock_guard lock(mutex_);
-    ring_.push_front({});
+    ring_.splice(ring_.begin(), stop_job_);
   }
   changed_.notify_one();
 }

@@ -33,7 +33,8 @@ class ThreadPool {
   static constexpr std::size_t most_waiting_bytes = std::size_t{4} << 20;
 
   // Appends a job and takes over `io`, one reference of `request_object` and `descriptor`: whether the job runs or not,
-  // they are released. A job beyond what may wait is released at once. Any thread.
+  // they are released. A job beyond what may wait is released at once. Throws std::bad_alloc, with nothing taken over,
+  // when there is no memory for the job. Any thread.
   void submit(hx_rest_handler handler, hx_request *request, hx_io *io, json_t *request_object, int descriptor);
 
   // Puts a stop job before all waiting jobs: every thread ends after the job it is running. Any thread.
@@ -56,6 +57,7 @@ class ThreadPool {
   const Prepare prepare_;
   std::list<Job> ring_;
   std::size_t waiting_bytes_ = 0;
+  std::list<Job> stop_job_;  // made beforehand, so that nothing can keep the pool from stopping; then in the ring
   std::vector<pthread_t> threads_;
 };
 

@@ -68,8 +68,14 @@ std::string own_answer(const hx_rest &rest, const hx_request &request, const hx_
 
 Json parameters_of(const hx_request &request) {
   Json parameters(json_object());
+  if (!parameters) {
+    throw std::bad_alloc();
+  }
   for (const auto &[name, value] : request.parameters) {
-    json_object_set_new(parameters.get(), name.c_str(), json_stringn(value.data(), value.size()));
+    // Both are well-formed: the target would have been refused otherwise.
+    if (json_object_set_new(parameters.get(), name.c_str(), json_stringn(value.data(), value.size())) != 0) {
+      throw std::bad_alloc();
+    }
   }
   return parameters;
 }

@@ -1,5 +1,7 @@
 #include "service/json.h"
 
+#include <new>
+
 #include <gtest/gtest.h>
 
 namespace dirwell {
@@ -87,6 +89,25 @@ TEST(JsonMerge, PutsKeysAtTheEndInTheirOrderAndReplaces) {
   free(text);
   json_merge(object.get(), nullptr);
   EXPECT_EQ(json_object_size(object.get()), 5U);
+}
+
+TEST(JsonPut, ThrowsWhereTheValueCouldNotBeMade) {
+  const JsonRef object(json_object());
+  const JsonRef array(json_array());
+  json_put(object.get(), "key", json_integer(1));
+  json_append(array.get(), json_integer(2));
+  EXPECT_THROW(json_put(object.get(), "other", nullptr), std::bad_alloc);
+  EXPECT_THROW(json_append(array.get(), nullptr), std::bad_alloc);
+  EXPECT_THROW(json_put(nullptr, "key", json_integer(3)), std::bad_alloc);
+  EXPECT_EQ(json_integer_value(json_object_get(object.get(), "key")), 1);
+  EXPECT_EQ(json_object_size(object.get()), 1U);
+  EXPECT_EQ(json_array_size(array.get()), 1U);
+}
+
+TEST(JsonParsed, IsNullForWhatIsNoJson) {
+  EXPECT_EQ(json_parsed("{\"a\":"), nullptr);
+  EXPECT_EQ(json_parsed(""), nullptr);
+  EXPECT_EQ(json_integer_value(json_object_get(json_parsed("{\"a\":7}").get(), "a")), 7);
 }
 
 TEST(ReplyFlags, AreTheCombinedValueOfEveryReply) {
