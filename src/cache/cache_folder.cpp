@@ -27,9 +27,11 @@ struct CloseFolder {
   void operator()(DIR *folder) const { ::closedir(folder); }
 };
 
-bool sessionAlive(const std::string &sid) {
+// A session that cannot be asked about keeps its caches.
+bool sessionEnded(const std::string &sid) {
   auth_session record{};
-  return auth_get_session_ex(sid.c_str(), 1, &record) == 0;
+  const int result = auth_get_session_ex(sid.c_str(), 1, &record);
+  return result != 0 && result != AUTH_SESSION_UNKNOWN;
 }
 
 // The daemon may be root and the volume's top folder writable by others: a link planted in the folder's place must lead
@@ -85,7 +87,7 @@ void cleanCacheFolder() {
   while (const dirent *file = ::readdir(folder.get())) {
     const std::string_view name = file->d_name;
     const std::string sid(name.substr(0, name.find('.')));
-    if (sid.empty() || sessionAlive(sid)) {
+    if (sid.empty() || !sessionEnded(sid)) {
       continue;
     }
     log_debug(SourcePlace::here("cache"), "[cache] remove %s/%s", path.c_str(), file->d_name);

@@ -44,9 +44,12 @@ Session &Session::instance() {
 Session::Session() {
   liveness_.set_callback([this] {
     const fork_gate::Section section;
-    if (!alive()) {
+    const State state = look();
+    if (state == State::ended) {
       log_error("[session] %s is not alive.", sid_.c_str());
       ::kill(::getpid(), SIGTERM);
+    } else if (state == State::unknown) {
+      log_warning("[session] it cannot be told whether %s is alive.", sid_.c_str());
     }
   });
   liveness_.start(liveness_period_seconds);
@@ -62,7 +65,10 @@ void Session::set_sid(const std::string &sid) {
   static std::array<char, 1024> buffer;
   passwd account{};
   passwd *found = nullptr;
-  if (::getpwuid_r(record_.uid, &account, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
+  int error = 0;
+  while ((error = ::getpwuid_r(record_.uid, &account, buffer.data(), buffer.size(), &found)) == EINTR) {
+  }
+  if (error == 0 && found != nullptr) {
     uid_ = account.pw_uid;
     gid_ = account.pw_gid;
   }
@@ -73,9 +79,16 @@ std::string Session::user_name() const {
   return record_.user;
 }
 
-bool Session::alive() {
+Session::State Session::look() {
   const std::lock_guard lock(mutex_);
-  return auth_get_session_ex(sid_.c_str(), check_only, &record_) == 0;
+  switch (auth_get_session_ex(sid_.c_str(), check_only, &record_)) {
+    case 0:
+      return State::alive;
+    case AUTH_SESSION_UNKNOWN:
+      return State::unknown;
+    default:
+      return State::ended;
+  }
 }
 
 Session::GroupArray Session::look_up_groups(int &count) const {

@@ -12,10 +12,16 @@ std::optional<std::string> read_regular_file(const std::string &path, Links link
                                              struct stat &status) {
   // Without O_NONBLOCK the open itself would wait for the other end of a fifo.
   const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (links == Links::refuse ? O_NOFOLLOW : 0);
-  const OwnedFd file(::open(path.c_str(), flags));
+  OwnedFd file;
+  do {
+    file.reset(::open(path.c_str(), flags));
+  } while (!file.valid() && errno == EINTR);
   struct stat before {};
-  if (!file.valid() || ::fstat(file.get(), &before) != 0 || !S_ISREG(before.st_mode) ||
-      static_cast<std::size_t>(before.st_size) > limit) {
+  if (!file.valid() || ::fstat(file.get(), &before) != 0) {
+    return std::nullopt;
+  }
+  if (!S_ISREG(before.st_mode) || static_cast<std::size_t>(before.st_size) > limit) {
+    errno = EINVAL;
     return std::nullopt;
   }
   // One byte more than the status tells: the last read then meets the end of the file in the common case, and a file
@@ -38,6 +44,7 @@ std::optional<std::string> read_regular_file(const std::string &path, Links link
     }
     filled += static_cast<std::size_t>(got);
     if (filled > limit) {
+      errno = EINVAL;
       return std::nullopt;
     }
   }

@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -71,6 +73,24 @@ bool trusted(const struct stat &status) {
   return (status.st_uid == 0 || status.st_uid == ::getuid()) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
+constexpr int no_session = -1;
+
+// The answer of a look-up that failed with `error`: the session is taken for ended only where that is what was found.
+int failed_look_up(int error) {
+  switch (error) {
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+    case ENOBUFS:
+    case EIO:
+    case EAGAIN:
+    case EINTR:
+      return AUTH_SESSION_UNKNOWN;
+    default:
+      return no_session;
+  }
+}
+
 struct Account {
   std::string name;
   uid_t uid;
@@ -78,19 +98,52 @@ struct Account {
 };
 
 // The account, when its record fits the buffer in which the session's user is looked up later, by name and by id. With
-// less than that the daemon would find no such user and keep its own identity.
-std::optional<Account> find_account(const std::string &name) {
+// less than that the daemon would find no such user and keep its own identity. Without one, `error` tells whether the
+// name service failed; 0 where it knows no such account.
+std::optional<Account> find_account(const std::string &name, int &error) {
   std::array<char, 1024> buffer{};
   passwd entry{};
   passwd *found = nullptr;
-  if (::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
+  while ((error = ::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == EINTR) {
+  }
+  if (error != 0 || found == nullptr) {
     return std::nullopt;
   }
   Account account{found->pw_name, found->pw_uid, found->pw_gid};
-  if (::getpwuid_r(account.uid, &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
+  while ((error = ::getpwuid_r(account.uid, &entry, buffer.data(), buffer.size(), &found)) == EINTR) {
+  }
+  if (error != 0 || found == nullptr) {
     return std::nullopt;
   }
   return account;
+}
+
+int look_up(const char *sid, auth_session &record) {
+  struct stat status {};
+  const std::optional<std::string> content = read_regular_file(
+      std::string(hx_root()) + "/var/run/dirwell/sessions/" + sid, Links::refuse, largest_record_file, status);
+  if (!content) {
+    return failed_look_up(errno);
+  }
+  const SessionFile file = parse(*content);
+  if (!trusted(status) || !file.user || file.user->find('\0') != std::string_view::npos ||
+      (file.expires && reached(*file.expires))) {
+    return no_session;
+  }
+  int error = 0;
+  const std::optional<Account> account = find_account(std::string(*file.user), error);
+  if (!account) {
+    return failed_look_up(error);
+  }
+  if (account->name.size() >= sizeof record.user) {
+    return no_session;
+  }
+  auth_session filled{};
+  std::memcpy(filled.user, account->name.data(), account->name.size());
+  filled.uid = account->uid;
+  filled.gid = account->gid;
+  record = filled;
+  return 0;
 }
 
 }  // namespace
@@ -101,26 +154,11 @@ using namespace dirwell::host;
 int auth_get_session_ex(const char *sid, int flags, auth_session *record) {
   static_cast<void>(flags);  // looking at a session never prolongs it here
   if (sid == nullptr || record == nullptr || !is_sid(sid)) {
-    return -1;
+    return no_session;
   }
-  struct stat status {};
-  const std::optional<std::string> content = read_regular_file(
-      std::string(hx_root()) + "/var/run/dirwell/sessions/" + sid, Links::refuse, largest_record_file, status);
-  if (!content || !trusted(status)) {
-    return -1;
+  try {
+    return look_up(sid, *record);
+  } catch (const std::bad_alloc &) {
+    return AUTH_SESSION_UNKNOWN;
   }
-  const SessionFile file = parse(*content);
-  if (!file.user || file.user->find('\0') != std::string_view::npos || (file.expires && reached(*file.expires))) {
-    return -1;
-  }
-  const std::optional<Account> account = find_account(std::string(*file.user));
-  if (!account || account->name.size() >= sizeof record->user) {
-    return -1;
-  }
-  auth_session filled{};
-  std::memcpy(filled.user, account->name.data(), account->name.size());
-  filled.uid = account->uid;
-  filled.gid = account->gid;
-  *record = filled;
-  return 0;
 }

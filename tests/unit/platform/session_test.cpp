@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -51,6 +52,22 @@ TEST_F(HostSession, FillsTheRecordOfItsUser) {
   EXPECT_EQ(record.gid, daemon->pw_gid);
   EXPECT_EQ(std::string(record.user + 6, sizeof record.user - 6), std::string(250, '\0'));
   EXPECT_EQ(std::string(record.reserved, sizeof record.reserved), std::string(2536, '\0'));
+}
+
+TEST_F(HostSession, CannotBeToldWithoutDescriptors) {
+  session("abc", "user = daemon\n");
+  auth_session record{};
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const int there = auth_get_session_ex("abc", 1, &record);
+  const int malformed = auth_get_session_ex("a/b", 1, &record);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(there, AUTH_SESSION_UNKNOWN);
+  EXPECT_NE(malformed, AUTH_SESSION_UNKNOWN);  // no file is looked for
+  EXPECT_EQ(auth_get_session_ex("missing", 1, &record), -1);
+  EXPECT_EQ(record.user, std::string());
 }
 
 TEST_F(HostSession, LeavesTheRecordAloneWhenThereIsNone) {

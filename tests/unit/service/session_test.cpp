@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,6 +72,20 @@ TEST(Session, NoticesItsEnd) {
                 was_alive = Session::instance().alive();
               }
               ::_exit(was_alive && !Session::instance().alive() ? 0 : 1);
+            }),
+            0);
+}
+
+TEST(Session, ThatCannotBeLookedUpHasNotEnded) {
+  const ScopedSession file("alive3", "nobody");
+  EXPECT_EQ(in_child([] {
+              captured_stderr([] { Session::instance().set_sid("alive3"); });
+              const rlimit none{0, 0};
+              ::setrlimit(RLIMIT_NOFILE, &none);
+              Session &session = Session::instance();
+              ::_exit(session.look() == Session::State::unknown && !session.alive() && session.user_name() == "nobody"
+                          ? 0
+                          : 1);
             }),
             0);
 }
