@@ -12,6 +12,18 @@ namespace {
 
 constexpr std::size_t read_size = 16UL * 1024;
 
+// What a connection is busy with, for as long as it is.
+class Current {
+ public:
+  Current(Exchange *&place, Exchange &exchange) : place_(place) { place_ = &exchange; }
+  ~Current() { place_ = nullptr; }
+  Current(const Current &) = delete;
+  Current &operator=(const Current &) = delete;
+
+ private:
+  Exchange *&place_;
+};
+
 }  // namespace
 
 Connection::~Connection() {
@@ -97,9 +109,8 @@ asio::awaitable<Exchange::Outcome> Connection::answer(RequestReader &reader) {
     co_return !sent ? Exchange::Outcome::aborted
                     : (terms.keep_alive ? Exchange::Outcome::reusable : Exchange::Outcome::finished);
   }
-  exchange_ = &exchange;
+  const Current current(exchange_, exchange);
   const Exchange::Outcome outcome = co_await exchange.relay(terms);
-  exchange_ = nullptr;
   if (outcome == Exchange::Outcome::reusable) {
     if (auto handler = exchange.take_handler()) {
       bus_.kept.keep(this, std::move(handler));

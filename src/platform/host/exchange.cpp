@@ -44,14 +44,14 @@ Exchange::~Exchange() {
   bus_.marks.close(mark_);
 }
 
-bool Exchange::dispatch(IncomingRequest request) {
+// Null when there is no socket to be had; throws when memory or the loop has no place for it.
+std::unique_ptr<hx_io> Exchange::open(IncomingRequest request, OwnedFd &handler_end) {
   fork_guard::GuardedFd bus_end;
-  OwnedFd handler_end;
   {
     const fork_guard::NoFork no_fork;
     std::array<int, 2> ends = {-1, -1};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-      return false;
+      return nullptr;
     }
     handler_end = OwnedFd(ends[1]);
     bus_end = fork_guard::GuardedFd(OwnedFd(ends[0]));
@@ -59,7 +59,7 @@ bool Exchange::dispatch(IncomingRequest request) {
   }
   struct stat status = {};
   if (::fstat(handler_end.get(), &status) != 0) {
-    return false;
+    return nullptr;
   }
   auto io = std::make_unique<hx_io>();
   io->content = std::move(request.body);
@@ -71,15 +71,26 @@ bool Exchange::dispatch(IncomingRequest request) {
   context.descriptor = handler_end.get();
   context.device = status.st_dev;
   context.inode = status.st_ino;
+  handler_ = std::make_shared<Stream>(client_->executor(), std::move(bus_end));
+  mark_ = bus_.marks.open();
+  context.mark = mark_;
+  return io;
+}
+
+bool Exchange::dispatch(IncomingRequest request) {
+  OwnedFd handler_end;
+  std::unique_ptr<hx_io> io;
   try {
-    handler_ = std::make_shared<Stream>(client_->executor(), std::move(bus_end));
+    io = open(std::move(request), handler_end);
   } catch (const std::exception &) {
     return false;
   }
-  mark_ = bus_.marks.open();
-  context.mark = mark_;
+  if (!io) {
+    return false;
+  }
   const fork_guard::Dispatching dispatching(handler_end.get());
-  bus_.callback(&context, io.release(), handler_end.release());
+  hx_request *const context = io->request.get();
+  bus_.callback(context, io.release(), handler_end.release());
   return true;
 }
 

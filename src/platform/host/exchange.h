@@ -8,6 +8,7 @@
 #include "platform/host/cgi.h"
 #include "platform/host/io.h"
 #include "platform/host/kept_handlers.h"
+#include "platform/host/owned_fd.h"
 #include "platform/host/reply_mark.h"
 #include "platform/host/request_reader.h"
 #include "platform/host/stream.h"
@@ -32,8 +33,8 @@ class Exchange {
   Exchange(const Exchange &) = delete;
   Exchange &operator=(const Exchange &) = delete;
 
-  // Makes the handler's socket and calls the callback. False when there is no socket to be had; then nothing was
-  // called.
+  // Makes the handler's socket and calls the callback. False when there is no socket or no memory to be had; then
+  // nothing was called.
   bool dispatch(IncomingRequest request);
 
   enum class Outcome {
@@ -51,6 +52,7 @@ class Exchange {
   void hang_up();
 
  private:
+  std::unique_ptr<hx_io> open(IncomingRequest request, OwnedFd &handler_end);
   asio::awaitable<void> copy();
   asio::awaitable<bool> pass_on(std::string_view body);
   asio::awaitable<bool> send_piece(std::string_view body);

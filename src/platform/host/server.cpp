@@ -10,6 +10,8 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <cerrno>
 #include <exception>
+#include <new>
+#include <thread>
 #include <utility>
 
 #include "platform/host/brief_calls.h"
@@ -18,6 +20,19 @@
 #include "platform/host/response_head.h"
 
 namespace dirwell::host {
+
+namespace {
+
+void fail(const std::exception_ptr &error) {
+  if (error) {
+    std::rethrow_exception(error);
+  }
+}
+
+// Of one client: it concerns no other.
+void forget(const std::exception_ptr & /*error*/) {}
+
+}  // namespace
 
 Server::Server(const std::string &service, hx_request_callback callback, int stop_event)
     : budget_(budget_of_process()),
@@ -36,6 +51,7 @@ Server::Server(const std::string &service, hx_request_callback callback, int sto
 }
 
 Server::~Server() {
+  over_ = true;
   bus_.kept.clear();
   static_cast<void>(stop_event_.release());
   release_listener();
@@ -59,18 +75,40 @@ void Server::release_listener() {
   }
 }
 
+// Where memory runs out, what was under way is lost and the service goes on: others may give some back.
 void Server::run() {
-  const auto fail = [](const std::exception_ptr &error) {
-    if (error) {
-      std::rethrow_exception(error);
+  do {
+    lost_ = false;
+    try {
+      keep_up(awaits_stop_, &Server::wait_for_stop);
+      if (!bus_.stopping) {
+        keep_up(accepts_, &Server::accept);
+      }
+      loop_.restart();
+      loop_.run();
+    } catch (const std::bad_alloc &) {
+      lost_ = true;
+      std::this_thread::sleep_for(limits().pause);
     }
-  };
-  asio::co_spawn(loop_, wait_for_stop(), fail);
-  asio::co_spawn(loop_, accept(), fail);
-  loop_.run();
+  } while (lost_);
 }
 
-asio::awaitable<void> Server::accept() {
+void Server::keep_up(bool &runs, Task task) {
+  if (!runs) {
+    // A coroutine that is lost may be destroyed after the loop has gone on without it, so the loop is stopped again.
+    AtEnd ends([this, &runs] {
+      runs = false;
+      if (!over_ && !hung_up_) {
+        lost_ = true;
+        loop_.stop();
+      }
+    });
+    runs = true;
+    asio::co_spawn(loop_, (this->*task)(std::move(ends)), fail);
+  }
+}
+
+asio::awaitable<void> Server::accept([[maybe_unused]] AtEnd ends) {
   while (!bus_.stopping) {
     fork_guard::GuardedFd client = next_client();
     if (client.valid()) {
@@ -122,8 +160,13 @@ void Server::serve(fork_guard::GuardedFd client) {
   auto stream = std::make_shared<Stream>(loop_.get_executor(), std::move(client));
   auto connection = std::make_shared<Connection>(bus_, std::move(stream),
                                                  [this](const std::shared_ptr<Stream> &left) { linger(left); });
+  AtEnd leaves([this, connection] { ended(connection); });
   connections_.insert(connection);
-  asio::co_spawn(loop_, connection->serve(), [this, connection](const std::exception_ptr &) { ended(connection); });
+  asio::co_spawn(loop_, attend(connection, std::move(leaves)), forget);
+}
+
+asio::awaitable<void> Server::attend(std::shared_ptr<Connection> connection, [[maybe_unused]] AtEnd leaves) {
+  co_await connection->serve();
 }
 
 void Server::refuse(fork_guard::GuardedFd client, int status, std::string_view detail) {
@@ -142,18 +185,27 @@ bool Server::may_wait() {
 }
 
 void Server::ended(const std::shared_ptr<Connection> &connection) {
+  if (over_) {
+    return;
+  }
   connections_.erase(connection);
   if (bus_.stopping) {
     if (connections_.empty()) {
       stop_limit_.cancel();
     }
-    return;
+  } else if (!hands_on_) {
+    hands_on_ = true;
+    hand_places_on();
+    hands_on_ = false;
   }
+}
+
+void Server::hand_places_on() {
   while (!waiting_.empty() && connections_.size() < budget_.connections) {
     fork_guard::GuardedFd client = std::move(waiting_.front());
     waiting_.pop_front();
     try {
-      serve(std::move(client));
+      serve(std::move(client));  // may come back to ended()
     } catch (const std::exception &) {
       // As in take().
     }
@@ -177,14 +229,19 @@ void Server::drop_left_clients() {
 void Server::linger(const std::shared_ptr<Stream> &client) {
   client->finish();
   if (lingering_.size() < budget_.lingering && !bus_.stopping) {
+    AtEnd leaves([this, client] {
+      if (!over_) {
+        lingering_.erase(client);
+      }
+    });
     lingering_.insert(client);
-    asio::co_spawn(loop_, drain(client), [this, client](const std::exception_ptr &) { lingering_.erase(client); });
+    asio::co_spawn(loop_, drain(client, std::move(leaves)), forget);
   }
 }
 
 // A client that is still sending would fail at that and never read its answer, so what it sends is taken and dropped
 // for a while.
-asio::awaitable<void> Server::drain(std::shared_ptr<Stream> client) {
+asio::awaitable<void> Server::drain(std::shared_ptr<Stream> client, [[maybe_unused]] AtEnd leaves) {
   constexpr std::size_t bytes_limit = 64UL * 1024 * 1024;
   const Clock::time_point deadline = Clock::now() + limits().linger;
   std::array<char, 4096> chunk;  // a client that has its reply rarely sends more
@@ -202,19 +259,19 @@ asio::awaitable<void> Server::drain(std::shared_ptr<Stream> client) {
   }
 }
 
-asio::awaitable<void> Server::wait_for_stop() {
+asio::awaitable<void> Server::wait_for_stop([[maybe_unused]] AtEnd ends) {
   boost::system::error_code ignored;
   co_await stop_event_.async_wait(asio::posix::stream_descriptor::wait_read,
                                   asio::redirect_error(asio::use_awaitable, ignored));
   stop();
-  if (connections_.empty()) {
-    co_return;
+  if (!connections_.empty()) {
+    stop_limit_.expires_after(limits().stop);
+    co_await stop_limit_.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
   }
-  stop_limit_.expires_after(limits().stop);
-  co_await stop_limit_.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
   for (const auto &connection : connections_) {
     connection->hang_up();
   }
+  hung_up_ = true;
 }
 
 void Server::stop() {

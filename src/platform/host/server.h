@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/host/admission.h"
+#include "platform/host/at_end.h"
 #include "platform/host/budget.h"
 #include "platform/host/connection.h"
 #include "platform/host/exchange.h"
@@ -33,20 +34,25 @@ class Server {
 
   // Begins to listen; false with errno set on failure.
   bool listen(const std::string &path);
-  // Serves until the stop event; the calling thread is the worker. Throws when the loop itself fails.
+  // Serves until the stop event; the calling thread is the worker. Throws when the loop itself fails, but never for
+  // want of memory.
   void run();
 
  private:
-  asio::awaitable<void> accept();
+  using Task = asio::awaitable<void> (Server::*)(AtEnd ends);
+  void keep_up(bool &runs, Task task);
+  asio::awaitable<void> accept(AtEnd ends);
   asio::awaitable<void> pause();
-  asio::awaitable<void> wait_for_stop();
-  asio::awaitable<void> drain(std::shared_ptr<Stream> client);
+  asio::awaitable<void> wait_for_stop(AtEnd ends);
+  asio::awaitable<void> attend(std::shared_ptr<Connection> connection, AtEnd leaves);
+  asio::awaitable<void> drain(std::shared_ptr<Stream> client, AtEnd leaves);
   fork_guard::GuardedFd next_client();
   void take(fork_guard::GuardedFd client);
   void serve(fork_guard::GuardedFd client);
   void refuse(fork_guard::GuardedFd client, int status, std::string_view detail);
   bool may_wait();
   void ended(const std::shared_ptr<Connection> &connection);
+  void hand_places_on();
   void linger(const std::shared_ptr<Stream> &client);
   void drop_left_clients();
   void release_listener();
@@ -55,6 +61,12 @@ class Server {
   const Budget budget_;
   Bus bus_;  // outlives the loop, which may still hold connections
   std::set<int> descriptors_before_;
+  bool awaits_stop_ = false;
+  bool accepts_ = false;
+  bool lost_ = false;     // one of the two, or memory: the loop begins anew
+  bool hung_up_ = false;  // the service has stopped, and nobody waits for it any more
+  bool hands_on_ = false;
+  bool over_ = false;  // the loop destroys coroutines when the rest of this object has gone
   asio::io_context loop_;
   std::vector<fork_guard::Guarded> loop_guards_;  // of the loop's own descriptors
   Admission admission_;

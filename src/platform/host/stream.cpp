@@ -10,6 +10,7 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <cerrno>
 
+#include "platform/host/at_end.h"
 #include "platform/host/brief_calls.h"
 #include "platform/host/limits.h"
 
@@ -52,6 +53,10 @@ asio::awaitable<Stream::Wake> Stream::wait(asio::socket_base::wait_type what, Cl
   const auto self = shared_from_this();
   const std::size_t wait = ++waits_;
   bool expired = false;
+  const AtEnd no_timer([this] {
+    ++waits_;
+    deadline_.cancel();
+  });
   if (deadline != Clock::time_point::max()) {
     deadline_.expires_at(deadline);
     deadline_.async_wait([self, wait, &expired](const boost::system::error_code &error) {
@@ -62,8 +67,6 @@ asio::awaitable<Stream::Wake> Stream::wait(asio::socket_base::wait_type what, Cl
     });
   }
   const bool woken = co_await ready(socket_, what);
-  ++waits_;
-  deadline_.cancel();
   co_return woken ? Wake::ready : (expired ? Wake::timeout : Wake::cancelled);
 }
 
