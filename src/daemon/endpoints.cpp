@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <new>
 #include <span>
 #include <string_view>
 
@@ -122,7 +123,11 @@ const std::map<std::string, std::string> &usage_texts() {
 
 void register_endpoints(hx_rest *rest) {
   for (const Endpoint &endpoint : endpoints) {
-    hx_rest_endpoint(rest, endpoint.handler, endpoint.name, endpoint.prehandler, usage_text(endpoint.name).c_str());
+    // Refuses no other row than one that there is no memory for.
+    if (hx_rest_endpoint(rest, endpoint.handler, endpoint.name, endpoint.prehandler,
+                         usage_text(endpoint.name).c_str()) != 0) {
+      throw std::bad_alloc();
+    }
   }
 }
 

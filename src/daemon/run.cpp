@@ -6,6 +6,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -88,7 +89,7 @@ int serve(const std::string &instance_name) {
 
 }  // namespace
 
-int run(int argc, char *argv[]) {
+int run(int argc, char *argv[]) try {
   share_one_heap();
   Session &session = Session::instance();
   if (read_options(argc, argv) == StartUp::cleared) {
@@ -102,6 +103,9 @@ int run(int argc, char *argv[]) {
   create_pid_file(instance_name);
   rest_table = hx_rest_create();
   log_info("[%s] startup service", instance_name.c_str());
+  if (rest_table == nullptr) {
+    throw std::bad_alloc();
+  }
   register_endpoints(rest_table);
   hx_signal(SIGINT, on_stop_signal);
   hx_signal(SIGTERM, on_stop_signal);
@@ -115,6 +119,10 @@ int run(int argc, char *argv[]) {
   remove_pid_file();
   log_info("[%s] shutdown service", instance_name.c_str());
   return status;
+} catch (const std::bad_alloc &) {
+  remove_pid_file();
+  log_error("out of memory");
+  return 1;
 }
 
 }  // namespace dirwell

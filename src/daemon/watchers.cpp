@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <optional>
 
 #include "daemon/cached_folders.h"
@@ -49,9 +51,22 @@ CacheWatcher *watcher_of(std::size_t index) {
   return slot.watcher.get();
 }
 
+// Where memory does not suffice for the list, the thread comes back for it: the events wait in the kernel meanwhile.
+void load(std::optional<VetoFilter> &veto) {
+  const fork_gate::Section section;
+  try {
+    veto.emplace();
+  } catch (const std::bad_alloc &) {  // NOLINT(bugprone-empty-catch)
+  }
+}
+
 bool is_vetoed(const VetoFilter &veto, const char *name) {
   const fork_gate::Section section;
-  return veto.isVetoedName(name);
+  try {
+    return veto.isVetoedName(name);
+  } catch (const std::bad_alloc &) {
+    return false;  // rather one change too many than one too few
+  }
 }
 
 }  // namespace
@@ -145,12 +160,12 @@ bool CacheWatcher::watches(int watch) {
 void *CacheWatcher::run(void *self) {
   auto &watcher = *static_cast<CacheWatcher *>(self);
   std::optional<VetoFilter> veto;
-  {
-    const fork_gate::Section section;
-    veto.emplace();
-  }
   while (watcher.running_) {
-    std::array<pollfd, 2> waiting{{{watcher.inotify_.get(), POLLIN, 0}, {watcher.wake_.get(), POLLIN, 0}}};
+    if (!veto) {
+      load(veto);
+    }
+    const int events = veto ? watcher.inotify_.get() : -1;
+    std::array<pollfd, 2> waiting{{{events, POLLIN, 0}, {watcher.wake_.get(), POLLIN, 0}}};
     const int ready = ::poll(waiting.data(), waiting.size(), poll_milliseconds);
     if (ready < 0) {
       break;
@@ -165,8 +180,9 @@ void *CacheWatcher::run(void *self) {
 // Reads until the queue is empty. No lock is waited for inside a fork gate section.
 void CacheWatcher::drain(const VetoFilter &veto) {
   alignas(inotify_event) std::array<char, buffer_size> buffer;
-  for (ssize_t got = 0; (got = ::read(inotify_.get(), buffer.data(), buffer.size())) > 0;) {
-    for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(got);) {
+  ssize_t got = 0;
+  while ((got = ::read(inotify_.get(), buffer.data(), buffer.size())) > 0 || (got < 0 && errno == EINTR)) {
+    for (std::size_t at = 0; got > 0 && at + sizeof(inotify_event) <= static_cast<std::size_t>(got);) {
       inotify_event event{};
       std::memcpy(&event, buffer.data() + at, sizeof event);
       const char *name = event.len > 0 ? buffer.data() + at + sizeof event : "";

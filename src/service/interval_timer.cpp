@@ -3,8 +3,10 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <exception>
 #include <utility>
 
 #include "service/thread.h"
@@ -46,11 +48,18 @@ void *IntervalTimer::run(void *self) {
   auto &timer = *static_cast<IntervalTimer *>(self);
   while (timer.running_) {
     std::uint64_t expiries = 0;
-    if (::read(timer.descriptor_, &expiries, sizeof expiries) != sizeof expiries) {
+    const ssize_t got = ::read(timer.descriptor_, &expiries, sizeof expiries);
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got != sizeof expiries) {
       break;
     }
     if (timer.running_) {
-      timer.callback_();
+      try {
+        timer.callback_();
+      } catch (const std::exception &) {  // NOLINT(bugprone-empty-catch): the next expiry makes up for it
+      }
     }
   }
   return nullptr;

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 #include "service/fork_gate.h"
 
@@ -60,15 +61,25 @@ void write_line(const std::string &line) {
   }
 }
 
-[[gnu::format(printf, 3, 0)]] void write_message(char tag, const std::string &place, const char *format,
+std::string place_text(const SourcePlace &place) {
+  return "(" + std::string(place.source) + ":" + std::to_string(place.line) + ") ";
+}
+
+// Debug and trace lines carry their place, trace lines the function too. A line that memory does not suffice for is
+// lost: whoever logs goes on.
+[[gnu::format(printf, 3, 0)]] void write_message(char tag, const SourcePlace *place, const char *format,
                                                  va_list arguments) {
   const KeepErrno keep;
   const fork_gate::Section section;
-  write_line(line_head(tag) + place + vformat(format, arguments) + '\n');
-}
-
-std::string place_text(const SourcePlace &place) {
-  return "(" + std::string(place.source) + ":" + std::to_string(place.line) + ") ";
+  try {
+    std::string line = line_head(tag);
+    if (place != nullptr) {
+      line += place_text(*place);
+      line += tag == 'T' ? std::string(place->function) + "() " : "";
+    }
+    write_line(line + vformat(format, arguments) + '\n');
+  } catch (const std::bad_alloc &) {  // NOLINT(bugprone-empty-catch)
+  }
 }
 
 std::string_view file_stem(std::string_view path) {
@@ -101,7 +112,7 @@ void log_error(const char *format, ...) {
   }
   va_list arguments;
   va_start(arguments, format);
-  write_message('E', {}, format, arguments);
+  write_message('E', nullptr, format, arguments);
   va_end(arguments);
 }
 
@@ -111,7 +122,7 @@ void log_warning(const char *format, ...) {
   }
   va_list arguments;
   va_start(arguments, format);
-  write_message('W', {}, format, arguments);
+  write_message('W', nullptr, format, arguments);
   va_end(arguments);
 }
 
@@ -121,7 +132,7 @@ void log_info(const char *format, ...) {
   }
   va_list arguments;
   va_start(arguments, format);
-  write_message('I', {}, format, arguments);
+  write_message('I', nullptr, format, arguments);
   va_end(arguments);
 }
 
@@ -131,7 +142,7 @@ void log_debug(SourcePlace place, const char *format, ...) {
   }
   va_list arguments;
   va_start(arguments, format);
-  write_message('D', place_text(place), format, arguments);
+  write_message('D', &place, format, arguments);
   va_end(arguments);
 }
 
@@ -141,7 +152,7 @@ void log_trace(SourcePlace place, const char *format, ...) {
   }
   va_list arguments;
   va_start(arguments, format);
-  write_message('T', place_text(place) + place.function + "() ", format, arguments);
+  write_message('T', &place, format, arguments);
   va_end(arguments);
 }
 

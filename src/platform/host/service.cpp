@@ -62,17 +62,21 @@ int serve(hx_service &service) {
     errno = ENOMEM;
     return -1;
   }
-  service.init.run();
-  bool failed = false;
+  int failure = 0;
   try {
+    service.init.run();
     server->run();
+  } catch (const std::bad_alloc &) {
+    failure = ENOMEM;
+  } catch (const std::system_error &error) {
+    failure = error.code().category() == std::generic_category() ? error.code().value() : EIO;
   } catch (const std::exception &) {
-    failed = true;
+    failure = EIO;
   }
   service.fini.run();
-  if (failed) {
+  if (failure != 0) {
     server.reset();
-    errno = EIO;
+    errno = failure;
     return -1;
   }
   return 0;

@@ -46,7 +46,10 @@ typedef void (*hx_signal_handler)(int signal_number);
  */
 hx_service *hx_create(const char *name, int backlog_class, int workers, hx_request_callback callback);
 
-/* Hooks around the life of the worker: init runs on the worker before the first request, fini after the last. */
+/*
+ * Hooks around the life of the worker: init runs on the worker before the first request, fini after the last. An
+ * exception of the init hook ends hx_start as a failure of the loop does.
+ */
 void hx_worker_init(hx_service *service, hx_worker_hook hook, void *argument);
 void hx_worker_fini(hx_service *service, hx_worker_hook hook, void *argument);
 
