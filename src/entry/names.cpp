@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <cerrno>
 #include <unordered_map>
 
 namespace dirwell {
@@ -17,16 +18,18 @@ std::string accountName(uid_t uid) {
   std::array<char, record_size> buffer{};
   passwd record{};
   passwd *found = nullptr;
-  const bool known = ::getpwuid_r(uid, &record, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-  return known ? found->pw_name : no_name;
+  while (::getpwuid_r(uid, &record, buffer.data(), buffer.size(), &found) == EINTR) {
+  }
+  return found != nullptr ? found->pw_name : no_name;
 }
 
 std::string groupNameOf(gid_t gid) {
   std::array<char, record_size> buffer{};
   group record{};
   group *found = nullptr;
-  const bool known = ::getgrgid_r(gid, &record, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-  return known ? found->gr_name : no_name;
+  while (::getgrgid_r(gid, &record, buffer.data(), buffer.size(), &found) == EINTR) {
+  }
+  return found != nullptr ? found->gr_name : no_name;
 }
 
 // The name of `id`, looked up when it is asked for first. References into the map outlive its growth.

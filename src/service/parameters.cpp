@@ -115,7 +115,10 @@ void read_cache_page(CachePage &result, const json_t *request, ErrorRecord &reco
 std::string new_uuid() {
   // Read without a stream: a process's first stream sets up the locale, which costs a small request a tenth of its
   // time.
-  const UniqueFd file(::open("/proc/sys/kernel/random/uuid", O_RDONLY | O_CLOEXEC));
+  UniqueFd file;
+  do {
+    file.reset(::open("/proc/sys/kernel/random/uuid", O_RDONLY | O_CLOEXEC));
+  } while (!file.valid() && errno == EINTR);
   std::array<char, uuid_length> uuid;
   std::size_t done = 0;
   while (done < uuid.size()) {

@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
+
 namespace dirwell {
 
 void close_if_valid(int descriptor) {
-  if (descriptor >= 0 && ::fcntl(descriptor, F_GETFD) != -1) {
+  // No other error says that it is not open.
+  if (descriptor >= 0 && (::fcntl(descriptor, F_GETFD) != -1 || errno != EBADF)) {
     ::close(descriptor);
   }
 }

@@ -63,9 +63,12 @@ class Capture {
   // Reads once; at the end of the stream the pipe is closed.
   std::size_t read_some() {
     std::array<char, 16UL * 1024> chunk;
-    const ssize_t got = ::read(read_end_.get(), chunk.data(), chunk.size());
+    ssize_t got = 0;
+    do {
+      got = ::read(read_end_.get(), chunk.data(), chunk.size());
+    } while (got < 0 && errno == EINTR);
     if (got < 0) {
-      if (errno != EAGAIN && errno != EINTR) {
+      if (errno != EAGAIN) {
         read_end_.reset();
       }
       return 0;
@@ -173,7 +176,11 @@ int reap(pid_t program) {
 
 int run_program(const hx_io *input, hx_io *output, hx_io *error, const char *const arguments[]) {
   const std::string file = program_file(arguments[0]);
-  const OwnedFd nowhere = above_standard(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  int null_device = -1;
+  do {
+    null_device = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (null_device < 0 && errno == EINTR);
+  const OwnedFd nowhere = above_standard(null_device);
   if (!nowhere.valid()) {
     return -1;
   }
