@@ -1,0 +1,218 @@
+"""The daemon when the machine around it fails: interrupted and piecemeal calls, shortages that last, a session that
+cannot be looked up, and starts that go wrong at any step."""
+
+import errno
+import os
+import threading
+import time
+
+import pytest
+
+from harness.fault_requests import Requests, differences, furnish
+from harness.faults import Faults
+from harness.instance import fresh_instance, wait_until
+
+ALL = os.environ.get("DIRWELL_FAULTS") == "all"
+NAMES = ["list", "fetch.resource", "create.cache", "fetch.cache", "delete.cache", "watch"]
+
+
+def serving(instance, *options):
+    instance.faults = Faults(instance)
+    furnish(instance).start(*options)
+    instance.faults.begin()
+    instance.requests = Requests(instance)
+    instance.expected = {}
+    for name in NAMES:
+        instance.requests.prepare(name)
+        instance.expected[name] = instance.requests.ask(name)
+        assert instance.expected[name]["error_code"] == 0
+    instance.requests.settle(instance.faults)
+    return instance
+
+
+@pytest.fixture(scope="module")
+def served():
+    with fresh_instance("nobody") as instance:
+        yield serving(instance)
+
+
+def right(instance, name):
+    instance.requests.prepare(name)
+    reply = instance.requests.ask(name)
+    assert not isinstance(reply, str), reply
+    assert differences(reply, instance.expected[name]) == set()
+    instance.requests.settle(instance.faults)
+
+
+@pytest.mark.parametrize("process", ["request", "between", "daemon"])
+@pytest.mark.parametrize("name", NAMES)
+def test_interrupted_calls_are_made_again(served, name, process):
+    served.requests.prepare(name)
+    served.requests.settle(served.faults)
+    served.faults.interrupt(process)
+    right(served, name)
+    injected = served.faults.injected
+    served.faults.disarm()
+    forks = name not in ("list", "watch")
+    assert injected >= (4 if process == "daemon" else (2 if process == "request" and forks else 0))
+    right(served, name)
+
+
+@pytest.mark.parametrize("process", ["request", "daemon"])
+@pytest.mark.parametrize("name", NAMES)
+def test_streams_that_move_a_byte_at_a_time_lose_nothing(served, name, process):
+    served.requests.prepare(name)
+    served.requests.settle(served.faults)
+    served.faults.piecemeal(process)
+    right(served, name)
+    injected = served.faults.injected
+    served.faults.disarm()
+    assert injected > (20 if process == "daemon" or name not in ("list", "watch") else -1)
+
+
+@pytest.mark.parametrize("call, error", [("accept", errno.EMFILE), ("accept", errno.ENOMEM), ("socketpair", errno.EMFILE),
+                                         ("fork", errno.EAGAIN)])
+def test_a_shortage_of_the_daemon_ends_with_its_cause(served, call, error):
+    """While it lasts a client waits or is told; afterwards all is as before."""
+    served.requests.settle(served.faults)
+    served.faults.arm("daemon", call, times=0, error=error)
+    replies = []
+    asker = threading.Thread(target=lambda: replies.append(served.requests.ask("fetch.resource")))
+    asker.start()
+    assert wait_until(lambda: served.faults.injected >= 1)
+    time.sleep(0.3)
+    served.faults.disarm()
+    asker.join(20)
+    assert not asker.is_alive()
+    if call == "accept":
+        assert differences(replies[0], served.expected["fetch.resource"]) == set()
+    else:
+        assert replies == ["503" if call == "socketpair" else "502"]
+    for name in NAMES:
+        right(served, name)
+
+
+def test_a_daemon_without_memory_goes_on_once_there_is_some(served):
+    if not served.faults.fails_memory:
+        pytest.skip("a sanitizer brings its own allocator: in this build no allocation can be made to fail")
+    for process in ("daemon", "threads"):
+        served.requests.settle(served.faults)
+        served.faults.arm(process, "malloc", times=0, error=errno.ENOMEM)
+        for name in ("list", "fetch.resource", "watch"):
+            served.requests.ask(name)  # whatever comes of it, it comes in time
+        time.sleep(0.3)
+        assert served.faults.injected >= 1
+        served.faults.disarm()
+        assert served.process.poll() is None
+        for name in NAMES:
+            right(served, name)
+
+
+# --- The session ---
+
+LOOK_UPS = [("open", errno.EMFILE), ("open", errno.ENFILE), ("open", errno.ENOMEM), ("open", errno.EIO), ("fstat", errno.EIO),
+            ("getpwnam_r", errno.EIO), ("getpwnam_r", errno.EMFILE), ("getpwuid_r", errno.ENOMEM),
+            ("malloc", errno.ENOMEM)]
+
+
+def test_a_session_that_cannot_be_looked_up_has_not_ended(make_instance):
+    instance = make_instance("nobody")
+    faults = Faults(instance)
+    faults.hasten(100)
+    furnish(instance).start()
+    faults.begin()
+    for call, error in LOOK_UPS:
+        if call == "malloc" and not faults.fails_memory:
+            continue  # a sanitizer brings its own allocator
+        since = len(instance.lines())
+        faults.arm("threads", call, times=0, error=error)
+        assert wait_until(lambda: faults.injected >= 3), (call, faults.injected)
+        faults.disarm()
+        assert instance.process.poll() is None, instance.log()
+        said = [line.partition(": ")[2] for line in instance.lines()[since:]]
+        wanted = f"[session] it cannot be told whether {instance.sid} is alive."
+        assert said and set(said) == {wanted} or call == "malloc" and set(said) <= {wanted}, said
+    assert Requests(instance).ask("fetch.resource")["error_code"] == 0
+    # What is known to have ended ends the daemon, as ever.
+    instance.session_file.unlink()
+    assert instance.wait_end() == 0
+    assert instance.lines()[-2].endswith(f"[session] {instance.sid} is not alive.")
+
+
+def test_an_interrupted_timer_still_looks_at_the_session(make_instance):
+    instance = make_instance("nobody")
+    faults = Faults(instance)
+    faults.hasten(100)
+    furnish(instance).start()
+    faults.begin()
+    faults.interrupt("threads")
+    assert wait_until(lambda: faults.injected >= 5)
+    faults.disarm()
+    instance.session_file.unlink()
+    assert instance.wait_end() == 0
+
+
+def test_a_session_that_cannot_be_looked_up_keeps_its_caches(make_instance):
+    instance = make_instance("nobody")
+    faults = Faults(instance)
+    furnish(instance).start()
+    faults.begin()
+    kept = instance.volume / ".fs" / "another.1"
+    gone = instance.volume / ".fs" / "gone.1"
+    for path in (kept, gone):
+        path.write_bytes(b"x")
+    instance.write("var/run/dirwell/sessions/another", "user = nobody\n")
+    faults.arm("daemon", "getpwnam_r", times=0, error=errno.EMFILE)
+    instance.stop()
+    assert faults.injected >= 1
+    assert kept.exists() and not gone.exists()
+
+
+# --- The start ---
+
+
+# The call, how many of its occurrences are tried, and whether all that follow fail with it.
+STARTS = [("open", 2, 1), ("open", 1, 0), ("stat", 2, 1), ("read", 1, 1), ("pthread_create", 2, 1), ("pthread_create", 1, 0),
+          ("eventfd", 1, 0), ("epoll_ctl", 1, 1), ("timerfd_create", 1, 0), ("inotify_init1", 1, 0), ("socket", 1, 1),
+          ("mkdir", 1, 1), ("ftruncate", 1, 1), ("getpwuid_r", 1, 1), ("malloc", 4, 1), ("malloc", 2, 0)]
+
+
+def test_a_start_that_fails_says_so_and_leaves_nothing(make_instance):
+    """The daemon serves all the same, or ends with 1 and a word about it."""
+    instance = make_instance("nobody")
+    faults = Faults(instance)
+    furnish(instance).start()
+    faults.begin()
+    instance.stop()
+    faults.watch_only()
+    instance.process = None
+    instance.start()
+    counts = faults.counts("daemon")
+    instance.stop()
+    outcomes = {"served": 0, "ended": 0}
+    for call, most, times in STARTS:
+        if call == "malloc" and not faults.fails_memory:
+            continue  # a sanitizer brings its own allocator
+        count = counts.get(call, 0)
+        most = min(10 * most if ALL else most, count)
+        for number in sorted({1 + round(place * (count - 1) / max(1, most - 1)) for place in range(most)}):
+            error = {"malloc": errno.ENOMEM, "pthread_create": errno.EAGAIN}.get(call, errno.EMFILE)
+            faults.arm("daemon", call, first=number, times=times, error=error)
+            since = len(instance.lines())
+            instance.process = None
+            instance.launch("--sid", instance.sid)
+            came = wait_until(lambda: instance.process.poll() is not None or
+                              instance.socket.exists() and Requests(instance).ask("list") != "closed", 20)
+            assert came, f"{call} {number}: neither serves nor ends: {instance.lines()[since:]}"
+            faults.disarm()
+            assert faults.injected >= 1
+            if instance.process.poll() is None:
+                outcomes["served"] += 1
+                instance.stop()
+            else:
+                outcomes["ended"] += 1
+                assert instance.wait_end() == 1, f"{call} {number}: {instance.lines()[since:]}"
+                # Without memory there may be none for the line either.
+                assert call == "malloc" or any(" [E] " in line for line in instance.lines()[since:]), f"{call} {number}"
+                assert not instance.socket.exists() and not instance.pid_file.exists(), f"{call} {number}"
+    assert outcomes["served"] >= 8 and outcomes["ended"] >= 2, outcomes
