@@ -1,6 +1,9 @@
 // Counters of processes that leave by _exit, which drops them: the forked request processes above all.
 //
-// Linked in place of the library's _exit (ld's --wrap) into every program of the coverage build.
+// Linked (by ld's --wrap) in place of the library's _exit, and of the fork that the compiler puts in the place of the
+// library's, into every program of the coverage build.
+#include <unistd.h>
+
 extern "C" {
 
 #include <gcov.h>  // which, in g++ 12, does not say itself that it is C
@@ -10,6 +13,12 @@ extern "C" {
 [[noreturn]] void __wrap__exit(int status) {  // NOLINT(bugprone-reserved-identifier): the linker's name
   __gcov_dump();
   __real__exit(status);
+}
+
+// The compiler's own would forget in the child what the handlers of the fork have counted there by then. Without it the
+// child counts once more what its parent has counted before the fork, which no figure of the report depends on.
+pid_t __wrap___gcov_fork() {  // NOLINT(bugprone-reserved-identifier): the linker's name
+  return ::fork();
 }
 
 }  // extern "C"

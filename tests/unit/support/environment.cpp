@@ -65,7 +65,7 @@ int in_child(const std::function<void()> &action) {
     throw std::runtime_error("cannot fork");
   }
   if (child == 0) {
-    ::alarm(60);
+    ::alarm(180);
     action();
     ::_exit(0);
   }

@@ -23,7 +23,7 @@ class ScopedEnvironment {
 // What `action` writes to standard error.
 std::string captured_stderr(const std::function<void()> &action);
 
-// Runs `action` in a forked process, with a time limit of 60 seconds, and returns its wait status; the child ends with
+// Runs `action` in a forked process, with a time limit of 180 seconds, and returns its wait status; the child ends with
 // status 0 when `action` returns. A child that hangs is killed, which the status shows.
 int in_child(const std::function<void()> &action);
 
