@@ -21,7 +21,7 @@ void *watched_malloc(std::size_t size) {
 }
 
 // Before any value is made.
-[[maybe_unused]] const bool watching = []() noexcept {
+[[maybe_unused]] const bool watching = [] {  // NOLINT(cert-err58-cpp): what it calls is C and throws nothing
   json_set_alloc_funcs(watched_malloc, std::free);
   return true;
 }();
