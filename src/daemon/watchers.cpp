@@ -1,6 +1,5 @@
 #include "daemon/watchers.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -113,8 +112,9 @@ void CacheWatcher::stop() {
   }
   ::eventfd_write(wake_.get(), 1);
   ::pthread_join(thread_, nullptr);
-  const std::lock_guard lock(mutex_);
-  inotify_.reset();  // and with it, once no add() holds a copy, every watch
+  // The daemon ends only after the pool thread, so that waiting for its add() costs nothing.
+  const std::scoped_lock lock(adding_, mutex_);
+  inotify_.reset();  // and with it every watch
   wake_.reset();
   watches_.clear();
 }
@@ -128,25 +128,18 @@ void CacheWatcher::clear() {
 }
 
 std::size_t CacheWatcher::add(const std::vector<std::string> &folders) {
-  // A copy: the daemon may stop the watcher meanwhile, and the number would then be another file's.
-  UniqueFd inotify;
-  {
-    const std::lock_guard lock(mutex_);
-    inotify.reset(inotify_.valid() ? ::fcntl(inotify_.get(), F_DUPFD_CLOEXEC, 0) : -1);
-  }
+  const std::lock_guard adding(adding_);
   std::size_t refused = 0;
   for (const std::string &folder : folders) {
     // Without the mutex: a folder on a file system that hangs must not hang the poll thread too. An event before the
     // watch is noted does not matter, since the times are set below.
-    const int watch = ::inotify_add_watch(inotify.get(), folder.c_str(), relevant_events);
+    const int watch = ::inotify_add_watch(inotify_.get(), folder.c_str(), relevant_events);
     if (watch < 0) {
       ++refused;
       continue;
     }
     const std::lock_guard lock(mutex_);
-    if (inotify_.valid()) {
-      watches_.insert(watch);
-    }
+    watches_.insert(watch);
   }
   set_both_times();
   return refused;

@@ -49,9 +49,8 @@ class CacheWatcher {
   UniqueFd wake_;  // an eventfd that ends the poll thread's wait
   std::atomic<bool> running_{false};
   pthread_t thread_{};
-  // Guards watches_, which the pool thread changes and the poll thread reads, and inotify_ where it is closed or
-  // copied.
-  std::mutex mutex_;
+  std::mutex adding_;      // held by an add(), from which a stop() must not take the descriptor away
+  std::mutex mutex_;       // guards watches_: the pool thread changes it, the poll thread reads it
   std::set<int> watches_;  // watch descriptors; the kernel does not give a number out again
 };
 
