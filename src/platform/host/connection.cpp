@@ -15,6 +15,7 @@ constexpr std::size_t read_size = 16UL * 1024;
 // What a connection is busy with, for as long as it is.
 class Current {
  public:
+  // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): what the member refers to is written
   Current(Exchange *&place, Exchange &exchange) : place_(place) { place_ = &exchange; }
   ~Current() { place_ = nullptr; }
   Current(const Current &) = delete;
