@@ -201,6 +201,7 @@ def intact(instance, name):
 def sweep(instance, tally, name, process, calls=None):
     """Every call that the request makes in that process."""
     instance.requests.prepare(name)
+    instance.requests.settle(instance.faults)
     instance.faults.watch_only()
     assert differences(instance.requests.ask(name), instance.expected[name]) == set()
     instance.requests.settle(instance.faults)
@@ -264,6 +265,7 @@ def test_calls_that_fail_from_some_time_on(served, tally, name, call, error):
     if call == "malloc" and not faults.fails_memory:
         pytest.skip("a sanitizer brings its own allocator: in this build no allocation can be made to fail")
     requests.prepare(name)
+    requests.settle(faults)
     faults.watch_only()
     requests.ask(name)
     requests.settle(faults)
