@@ -27,11 +27,9 @@ struct CloseFolder {
   void operator()(DIR *folder) const { ::closedir(folder); }
 };
 
-// A session that cannot be asked about keeps its caches.
-bool sessionEnded(const std::string &sid) {
+bool sessionAlive(const std::string &sid) {
   auth_session record{};
-  const int result = auth_get_session_ex(sid.c_str(), 1, &record);
-  return result != 0 && result != AUTH_SESSION_UNKNOWN;
+  return auth_get_session_ex(sid.c_str(), 1, &record) == 0;
 }
 
 // The daemon may be root and the volume's top folder writable by others: a link planted in the folder's place must lead
@@ -87,7 +85,7 @@ void cleanCacheFolder() {
   while (const dirent *file = ::readdir(folder.get())) {
     const std::string_view name = file->d_name;
     const std::string sid(name.substr(0, name.find('.')));
-    if (sid.empty() || !sessionEnded(sid)) {
+    if (sid.empty() || sessionAlive(sid)) {
       continue;
     }
     log_debug(SourcePlace::here("cache"), "[cache] remove %s/%s", path.c_str(), file->d_name);

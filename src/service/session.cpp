@@ -44,12 +44,9 @@ Session &Session::instance() {
 Session::Session() {
   liveness_.set_callback([this] {
     const fork_gate::Section section;
-    const State state = look();
-    if (state == State::ended) {
+    if (!alive()) {
       log_error("[session] %s is not alive.", sid_.c_str());
       ::kill(::getpid(), SIGTERM);
-    } else if (state == State::unknown) {
-      log_warning("[session] it cannot be told whether %s is alive.", sid_.c_str());
     }
   });
   liveness_.start(liveness_period_seconds);
@@ -79,16 +76,9 @@ std::string Session::user_name() const {
   return record_.user;
 }
 
-Session::State Session::look() {
+bool Session::alive() {
   const std::lock_guard lock(mutex_);
-  switch (auth_get_session_ex(sid_.c_str(), check_only, &record_)) {
-    case 0:
-      return State::alive;
-    case AUTH_SESSION_UNKNOWN:
-      return State::unknown;
-    default:
-      return State::ended;
-  }
+  return auth_get_session_ex(sid_.c_str(), check_only, &record_) == 0;
 }
 
 Session::GroupArray Session::look_up_groups(int &count) const {

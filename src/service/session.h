@@ -16,8 +16,7 @@ namespace dirwell {
 class Session {
  public:
   // The process's session, created at the first call, which also starts the liveness timer: every 30 seconds it checks
-  // the session and ends the process with SIGTERM once it is gone; a check that cannot tell leaves one W line. Any
-  // thread.
+  // the session and ends the process with SIGTERM once it is gone. Any thread.
   static Session &instance();
 
   // Stores the id, names the instance "dirwell-" + sid and, if the session is alive, takes over its user's ids. Logs
@@ -31,12 +30,8 @@ class Session {
   [[nodiscard]] uid_t uid() const { return uid_; }
   [[nodiscard]] gid_t gid() const { return gid_; }
 
-  // Asks the platform whether the session is valid now, and refills the record where it is. `unknown` when the platform
-  // could not find out, which is no reason to end what runs. Any thread.
-  enum class State { alive, ended, unknown };
-  State look();
-  // Whether it is known to be valid.
-  bool alive() { return look() == State::alive; }
+  // Asks the platform whether the session is valid now, and refills the record. Any thread.
+  bool alive();
 
   // The supplementary groups of the session's user; none when the lookup fails. In the daemon inside a fork gate
   // section.

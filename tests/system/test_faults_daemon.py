@@ -129,9 +129,7 @@ def test_a_session_that_cannot_be_looked_up_has_not_ended(make_instance):
         assert wait_until(lambda: faults.injected >= 3), (call, faults.injected)
         faults.disarm()
         assert instance.process.poll() is None, instance.log()
-        said = [line.partition(": ")[2] for line in instance.lines()[since:]]
-        wanted = f"[session] it cannot be told whether {instance.sid} is alive."
-        assert said and set(said) == {wanted} or call == "malloc" and set(said) <= {wanted}, said
+        assert instance.lines()[since:] == []
     assert Requests(instance).ask("fetch.resource")["error_code"] == 0
     # What is known to have ended ends the daemon, as ever.
     instance.session_file.unlink()
@@ -150,22 +148,6 @@ def test_an_interrupted_timer_still_looks_at_the_session(make_instance):
     faults.disarm()
     instance.session_file.unlink()
     assert instance.wait_end() == 0
-
-
-def test_a_session_that_cannot_be_looked_up_keeps_its_caches(make_instance):
-    instance = make_instance("nobody")
-    faults = Faults(instance)
-    furnish(instance).start()
-    faults.begin()
-    kept = instance.volume / ".fs" / "another.1"
-    gone = instance.volume / ".fs" / "gone.1"
-    for path in (kept, gone):
-        path.write_bytes(b"x")
-    instance.write("var/run/dirwell/sessions/another", "user = nobody\n")
-    faults.arm("daemon", "getpwnam_r", times=0, error=errno.EMFILE)
-    instance.stop()
-    assert faults.injected >= 1
-    assert kept.exists() and not gone.exists()
 
 
 # --- The start ---

@@ -9,8 +9,10 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -61,11 +63,11 @@ SessionFile parse(std::string_view content) {
   return file;
 }
 
-// A time that cannot be read counts as reached: nobody keeps a session through a misspelt limit.
-bool reached(std::string_view expires) {
+// A time that cannot be read counts as reached long ago: nobody keeps a session through a misspelt limit.
+std::int64_t time_of(std::string_view expires) {
   std::int64_t when = 0;
   const auto [end, error] = std::from_chars(expires.data(), expires.data() + expires.size(), when);
-  return error != std::errc{} || end != expires.data() + expires.size() || when <= ::time(nullptr);
+  return error == std::errc{} && end == expires.data() + expires.size() ? when : 0;
 }
 
 // The real id stays the daemon's own when a request process takes on another effective one.
@@ -73,10 +75,10 @@ bool trusted(const struct stat &status) {
   return (status.st_uid == 0 || status.st_uid == ::getuid()) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-constexpr int no_session = -1;
+enum class Answer { lives, ended, unknown };
 
-// The answer of a look-up that failed with `error`: the session is taken for ended only where that is what was found.
-int failed_look_up(int error) {
+// A look-up that failed with `error` has found out that there is no such session, or nothing.
+Answer failed_look_up(int error) {
   switch (error) {
     case EMFILE:
     case ENFILE:
@@ -85,10 +87,57 @@ int failed_look_up(int error) {
     case EIO:
     case EAGAIN:
     case EINTR:
-      return AUTH_SESSION_UNKNOWN;
+      return Answer::unknown;
     default:
-      return no_session;
+      return Answer::ended;
   }
+}
+
+// The session that was found last. A machine that is out of descriptors or memory for a while, or whose disk or name
+// service fails, does not end a session: until its time is over, or that state has lasted, it counts as it was.
+class LastFound {
+ public:
+  void remember(std::string_view sid, const auth_session &record, std::optional<std::int64_t> expires) {
+    const std::lock_guard lock(mutex_);
+    sid_size_ = sid.copy(sid_.data(), sid_.size());
+    record_ = record;
+    expires_ = expires;
+    found_ = Clock::now();
+  }
+
+  void forget(std::string_view sid) {
+    const std::lock_guard lock(mutex_);
+    if (is(sid)) {
+      sid_size_ = 0;
+    }
+  }
+
+  bool recall(std::string_view sid, auth_session &record) {
+    const std::lock_guard lock(mutex_);
+    if (!is(sid) || Clock::now() - found_ > longest || (expires_ && *expires_ <= ::time(nullptr))) {
+      return false;
+    }
+    record = record_;
+    return true;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::minutes longest{5};
+
+  [[nodiscard]] bool is(std::string_view sid) const { return std::string_view(sid_.data(), sid_size_) == sid; }
+
+  std::mutex mutex_;
+  std::array<char, longest_sid> sid_{};
+  std::size_t sid_size_ = 0;
+  auth_session record_{};
+  std::optional<std::int64_t> expires_;
+  Clock::time_point found_;
+};
+
+LastFound &last_found() {
+  static LastFound last;
+  return last;
 }
 
 struct Account {
@@ -118,7 +167,7 @@ std::optional<Account> find_account(const std::string &name, int &error) {
   return account;
 }
 
-int look_up(const char *sid, auth_session &record) {
+Answer look_up(const char *sid, auth_session &record) {
   struct stat status {};
   const std::optional<std::string> content = read_regular_file(
       std::string(hx_root()) + "/var/run/dirwell/sessions/" + sid, Links::refuse, largest_record_file, status);
@@ -126,9 +175,10 @@ int look_up(const char *sid, auth_session &record) {
     return failed_look_up(errno);
   }
   const SessionFile file = parse(*content);
+  const std::optional<std::int64_t> expires = file.expires ? std::optional(time_of(*file.expires)) : std::nullopt;
   if (!trusted(status) || !file.user || file.user->find('\0') != std::string_view::npos ||
-      (file.expires && reached(*file.expires))) {
-    return no_session;
+      (expires && *expires <= ::time(nullptr))) {
+    return Answer::ended;
   }
   int error = 0;
   const std::optional<Account> account = find_account(std::string(*file.user), error);
@@ -136,14 +186,23 @@ int look_up(const char *sid, auth_session &record) {
     return failed_look_up(error);
   }
   if (account->name.size() >= sizeof record.user) {
-    return no_session;
+    return Answer::ended;
   }
   auth_session filled{};
   std::memcpy(filled.user, account->name.data(), account->name.size());
   filled.uid = account->uid;
   filled.gid = account->gid;
   record = filled;
-  return 0;
+  last_found().remember(sid, record, expires);
+  return Answer::lives;
+}
+
+Answer look_up_if_memory_suffices(const char *sid, auth_session &record) {
+  try {
+    return look_up(sid, record);
+  } catch (const std::bad_alloc &) {
+    return Answer::unknown;
+  }
 }
 
 }  // namespace
@@ -153,12 +212,18 @@ using namespace dirwell::host;
 
 int auth_get_session_ex(const char *sid, int flags, auth_session *record) {
   static_cast<void>(flags);  // looking at a session never prolongs it here
+  constexpr int no_session = -1;
   if (sid == nullptr || record == nullptr || !is_sid(sid)) {
     return no_session;
   }
-  try {
-    return look_up(sid, *record);
-  } catch (const std::bad_alloc &) {
-    return AUTH_SESSION_UNKNOWN;
+  switch (look_up_if_memory_suffices(sid, *record)) {
+    case Answer::lives:
+      return 0;
+    case Answer::unknown:
+      return last_found().recall(sid, *record) ? 0 : no_session;
+    case Answer::ended:
+      break;
   }
+  last_found().forget(sid);
+  return no_session;
 }

@@ -17,15 +17,8 @@ typedef struct auth_session {
 } auth_session;
 
 /*
- * What a look-up returns when it cannot tell now whether the session exists: the machine has no descriptors or memory
- * left, or a disk or the name service fails. That is no reason to take the session for ended.
- */
-#define AUTH_SESSION_UNKNOWN (-2)
-
-/*
  * Looks the session `sid` up and fills `record`. `flags` is 1 for a check that does not prolong the session. Returns 0
- * when the session exists and is valid; else non-zero with the record untouched: AUTH_SESSION_UNKNOWN as above, any
- * other value when there is no such session. A NULL or malformed sid is no session.
+ * when the session exists and is valid, else non-zero with the record untouched. A NULL or malformed sid is no session.
  */
 int auth_get_session_ex(const char *sid, int flags, auth_session *record);
 

@@ -1,6 +1,5 @@
 #include "cache/cache_folder.h"
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,7 +8,6 @@
 
 #include "cache_support.h"
 #include "service/log.h"
-#include "support/environment.h"
 #include "support/private_root.h"
 
 namespace dirwell {
@@ -109,24 +107,6 @@ TEST_F(PrepareCacheFolder, OnlyWarnsWithoutADefaultVolume) {
   configureNothing();
   EXPECT_EQ(logged(prepareCacheFolder), no_volume_line);
   EXPECT_FALSE(exists("/.fs"));
-}
-
-TEST_F(CleanCacheFolder, KeepsTheFilesOfASessionThatCannotBeAskedAbout) {
-  prepareCacheFolder();
-  const std::string file = cacheFolder(volume()) + "/gone.1";
-  touch(file);
-  EXPECT_EQ(test::in_child([] {
-              // The folder takes the last descriptor, so that no session's record can be opened.
-              const int first_free = ::dup(0);
-              ::close(first_free);
-              const rlimit one_more{static_cast<rlim_t>(first_free) + 1, static_cast<rlim_t>(first_free) + 1};
-              ::setrlimit(RLIMIT_NOFILE, &one_more);
-              cleanCacheFolder();
-            }),
-            0);
-  EXPECT_TRUE(exists(file));
-  cleanCacheFolder();
-  EXPECT_FALSE(exists(file));
 }
 
 TEST_F(CleanCacheFolder, RemovesTheFilesOfUnknownSessionsAndKeepsThoseOfLiveOnes) {

@@ -5,9 +5,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host_files.h"
@@ -54,20 +56,42 @@ TEST_F(HostSession, FillsTheRecordOfItsUser) {
   EXPECT_EQ(std::string(record.reserved, sizeof record.reserved), std::string(2536, '\0'));
 }
 
-TEST_F(HostSession, CannotBeToldWithoutDescriptors) {
+TEST_F(HostSession, StaysAsItWasFoundWhileItCannotBeLookedUp) {
   session("abc", "user = daemon\n");
+  session("other", "user = daemon\n");
+  ASSERT_TRUE(lives("abc"));
   auth_session record{};
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
   const rlimit none{0, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
   const int there = auth_get_session_ex("abc", 1, &record);
-  const int malformed = auth_get_session_ex("a/b", 1, &record);
+  const bool other = lives("other");  // never found before
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  EXPECT_EQ(there, AUTH_SESSION_UNKNOWN);
-  EXPECT_NE(malformed, AUTH_SESSION_UNKNOWN);  // no file is looked for
-  EXPECT_EQ(auth_get_session_ex("missing", 1, &record), -1);
-  EXPECT_EQ(record.user, std::string());
+  EXPECT_EQ(there, 0);
+  EXPECT_STREQ(record.user, "daemon");
+  EXPECT_FALSE(other);
+}
+
+TEST_F(HostSession, ThatHasEndedOrRunOutIsNotTakenForAliveWhereItCannotBeLookedUp) {
+  const std::string ended = session("ended", "user = daemon\n");
+  ASSERT_TRUE(lives("ended"));
+  std::filesystem::remove(ended);
+  ASSERT_FALSE(lives("ended"));
+  session("brief", "user = daemon\nexpires = " + std::to_string(::time(nullptr) + 2) + "\n");
+  ASSERT_TRUE(lives("brief"));
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const bool ended_lives = lives("ended");
+  const bool brief_lives = lives("brief");
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  const bool brief_still_lives = lives("brief");
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_FALSE(ended_lives);
+  EXPECT_TRUE(brief_lives);
+  EXPECT_FALSE(brief_still_lives);
 }
 
 TEST_F(HostSession, LeavesTheRecordAloneWhenThereIsNone) {
