@@ -172,7 +172,7 @@ def test_a_start_that_fails_says_so_and_leaves_nothing(make_instance):
     counts = faults.counts("daemon")
     instance.stop()
     outcomes = {"served": 0, "ended": 0}
-    aborted = 0
+    aborted = injected = 0
     for call, most, times in STARTS:
         if call == "malloc" and not faults.fails_memory:
             continue  # a sanitizer brings its own allocator
@@ -188,15 +188,17 @@ def test_a_start_that_fails_says_so_and_leaves_nothing(make_instance):
                               instance.socket.exists() and Requests(instance).ask("list") != "closed", 20)
             assert came, f"{call} {number}: neither serves nor ends: {instance.lines()[since:]}"
             faults.disarm()
-            assert faults.injected >= 1 or call == "malloc"  # how often it allocates varies a little
+            # How often it allocates, and whether a young file is read once more, varies a little.
+            assert faults.injected >= 1 or number == count > 1 or call == "malloc", f"{call} {number} of {count}"
+            injected += faults.injected
             if instance.process.poll() is None:
                 outcomes["served"] += 1
                 instance.stop()
             else:
                 outcomes["ended"] += 1
                 status = instance.wait_end()
-                if call == "malloc" and status == -6:
-                    # Some libraries know no other way out (a destructor of a thread that cannot be noted). What such a
+                if call == "malloc" and status in (-6, -11):
+                    # Some libraries know no other way out, or look at memory that they did not get. What such a
                     # start leaves keeps no later one from serving.
                     aborted += 1
                     continue
@@ -207,5 +209,5 @@ def test_a_start_that_fails_says_so_and_leaves_nothing(make_instance):
     instance.process = None
     instance.start()
     assert Requests(instance).ask("fetch.resource")["error_code"] == 0
-    assert aborted <= 3
+    assert aborted <= 3 and injected >= 10, (aborted, injected)
     assert outcomes["served"] >= 8 and outcomes["ended"] >= 2, outcomes
