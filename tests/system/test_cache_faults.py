@@ -157,7 +157,8 @@ def test_damaged_pages_cost_no_more_than_the_reply(daemon, medium):
         seen.add(outcome(reply))
         assert len(reply.get("datas", [])) <= 50
         assert outcome(delete(daemon, uuid)) in ((0, ""), (3, "uuid not found"))
-    assert seen <= {(0, ""), (2, "invalid uuid")} and len(seen) == 2
+    # Rows that cannot be read make no page, however many came before.
+    assert {(0, ""), (2, "invalid uuid")} <= seen <= {(0, ""), (2, "invalid uuid"), (3, "cache failure")}
     works_again(daemon)
 
 
@@ -380,7 +381,7 @@ def test_a_disk_that_is_full_when_the_listing_is_committed(daemon, medium):
             assert names(fetched) == listing[:len(fetched["datas"])]
             assert len(fetched["datas"]) < 2000
         else:
-            assert fetched == INVALID
+            assert fetched in (INVALID, {"error_code": 3, "error_message": "cache failure"})
 
 
 # --- What rows may hold ---
