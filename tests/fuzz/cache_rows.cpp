@@ -43,7 +43,8 @@ void bind(sqlite3_stmt *statement, int parameter, std::string_view column) {
     }
     sqlite3_bind_blob(statement, parameter, blob.data(), static_cast<int>(blob.size()), SQLITE_TRANSIENT);
   } else {
-    sqlite3_bind_text(statement, parameter, column.data(), static_cast<int>(column.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_text(statement, parameter, column.data() != nullptr ? column.data() : "",
+                      static_cast<int>(column.size()), SQLITE_TRANSIENT);
   }
 }
 
@@ -51,8 +52,9 @@ void bind(sqlite3_stmt *statement, int parameter, std::string_view column) {
 void insert(sqlite3 *connection, const char *sql, const std::vector<std::string_view> &columns) {
   sqlite3_stmt *statement = nullptr;
   check(sqlite3_prepare_v2(connection, sql, -1, &statement, nullptr) == SQLITE_OK, "the tables are those of a store");
-  for (std::size_t column = 1; column < columns.size(); ++column) {
-    bind(statement, static_cast<int>(column), columns[column]);
+  for (int parameter = 1; parameter <= sqlite3_bind_parameter_count(statement); ++parameter) {
+    const auto column = static_cast<std::size_t>(parameter);
+    bind(statement, parameter, column < columns.size() ? columns[column] : std::string_view());
   }
   sqlite3_step(statement);
   sqlite3_finalize(statement);

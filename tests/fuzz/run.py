@@ -159,8 +159,10 @@ class Runner:
         text = log.read_text(errors="replace")
         reason = re.search(r"broken promise: .*|SUMMARY: .*|ERROR: .*|runtime error: .*", text)
         kept = re.search(r"Test unit written to (.*)", text)
+        replayed = re.findall(r"^Running: (.*)", text, re.MULTILINE)
         result.problems.append(f"{what}: {reason.group(0) if reason else 'see the log'}")
-        result.problems.append(f"input {kept.group(1)}" if kept else "see the last input in the log")
+        if kept or replayed:
+            result.problems.append(f"input {kept.group(1) if kept else Path(replayed[-1]).name}")
         result.problems.append(f"log {log}")
 
     def keep(self, target, bounds, corpus, kept, log):
