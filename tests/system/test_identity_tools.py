@@ -16,7 +16,7 @@ NO_CAPABILITIES = ["0000000000000000"]
 
 # Told by the tool's own process; what it runs for that inherits what it has.
 TELL = """
-cat /proc/$$/status >{notes}/status
+while IFS= read -r line; do echo "$line"; done </proc/$$/status >{notes}/status # no fork, which would block signals
 for n in /proc/self/fd/*; do echo "${{n##*/}} $(readlink $n)"; done >{notes}/descriptors
 ls -l /proc/self/fd >{notes}/inherited
 cat >{notes}/input
