@@ -46,10 +46,8 @@ JsonRef build_request_object(hx_io *io, json_t *parameters) {
 json_t *prepare_job(hx_io *io, json_t *parameters) {
   constexpr std::size_t harmless = 4096;  // far more than any real request of the kind
   if (hx_io_size(io) > harmless) {
-    const OwnResult known = in_own_process([io](const TextOutput &output) {
-      const JsonRef request(json_loads(hx_io_read(io, 0), 0, nullptr));
-      return output(watch_text(request.get()));
-    });
+    const OwnResult known = in_own_process(
+        [io](const TextOutput &output) { return output(watch_text(json_parsed(hx_io_read(io, 0)).get())); });
     if (!known.done || known.texts.size() != 1) {
       throw std::runtime_error("the request's text cannot be read");
     }
