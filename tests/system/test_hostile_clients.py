@@ -226,8 +226,9 @@ HOSTILE = {
                                     {404, 431}, 100),
     "endless trailers": (chunked([b"0\r\n"] + [b"T: x\r\n"] * 10_000), {400, 431}, 500),
     "lengths that never come": (b"POST /none HTTP/1.1\r\nHost: x\r\nContent-Length: 1048576\r\n\r\n", set(), 1000),
-    "watch requests of many objects": (post(NESTED, "/watch"), {200}, 24),
-    "watch requests of many keys": (post(KEYS, "/watch"), {200}, 24),
+    # More than four mebibytes of them do not wait, and those beyond get no reply of the daemon's.
+    "watch requests of many objects": (post(NESTED, "/watch"), {200, 502}, 24),
+    "watch requests of many keys": (post(KEYS, "/watch"), {200, 502}, 24),
 }
 
 
@@ -249,7 +250,9 @@ def test_hostile_requests_do_not_make_the_daemon_grow(served, kind):
     all_at_once(min(16, count))  # what the allocator keeps for the ordinary course of things
     assert wait_until(lambda: served.request_processes() == [])
     with Costs(served) as costs:
-        assert all_at_once(count) == (expected or {0}) or all_at_once(1) <= expected
+        statuses = all_at_once(count)
+        assert statuses and statuses <= (expected or {0}), statuses
+        assert all_at_once(1) <= (expected or {0}) - {502}
         assert served.names() == ["a"]
     assert costs.grew_by_less_than(32 * KIB)
     assert costs.come_back()
