@@ -5,6 +5,7 @@ import contextlib
 import os
 import re
 import shutil
+import socket
 import subprocess
 import textwrap
 
@@ -198,6 +199,10 @@ ATTEMPTS = """
     refused(libc.reboot(0), errno.EPERM)
     refused(libc.syscall(425, 1, 0), errno.EPERM)  # io_uring_setup
     refused(libc.syscall(321, 0, 0, 0), errno.EPERM)  # bpf
+    refused(libc.syscall(311, os.getppid(), 0, 0, 0, 0, 0), errno.EPERM)  # process_vm_writev
+    refused(libc.shmget(0, 4096, 0o1600), errno.EPERM)
+    fails(errno.EPERM, os.memfd_create, "program")
+    os.close(os.pipe()[0])
     fails(errno.EAFNOSUPPORT, socket.socket, socket.AF_INET, socket.SOCK_STREAM)
     fails(errno.EAFNOSUPPORT, socket.socket, socket.AF_NETLINK, socket.SOCK_RAW)
     socket.socket(socket.AF_UNIX, socket.SOCK_STREAM).close()
@@ -208,6 +213,12 @@ ATTEMPTS = """
     fails(errno.EROFS, open, "/etc/dirwell-test", "w")
     fails(errno.EROFS, open, "/usr/dirwell-test", "w")
     fails(errno.EROFS, open, "/proc/sys/kernel/hostname", "w")
+    run = sys.argv[1] + "/var/run"
+    for folder in ("systemd", "udev", "dirwell"):
+        fails(errno.EROFS, open, f"{run}/{folder}/written", "w")
+    fails(errno.ECONNREFUSED, socket.socket(socket.AF_UNIX).connect, run + "/systemd/private")
+    fails(errno.ENOENT, socket.socket(socket.AF_UNIX).connect, run + "/dbus/system_bus_socket")
+    socket.socket(socket.AF_UNIX).connect(run + "/accounts")
     assert sorted(os.listdir("/dev")) == ["full", "null", "random", "tty", "urandom", "zero"]
     open(sys.argv[1] + "/written", "w").close()
     assert os.stat(sys.argv[1] + "/written").st_mode & 0o777 == 0o600
@@ -221,6 +232,17 @@ def test_the_restrictions_hold(tmp_path):
     """What a daemon that had been taken over would try."""
     (tmp_path / "file").touch()
     shared = shutil.copy("/usr/bin/true", tmp_path.parent / "program")  # beside the folder that stands for the root
+    for folder in ("systemd", "udev", "dirwell", "dbus"):
+        (tmp_path / "var/run" / folder).mkdir(parents=True)
+    with contextlib.ExitStack() as listeners:
+        for name in ("systemd/private", "dbus/system_bus_socket", "accounts"):
+            listener = listeners.enter_context(socket.socket(socket.AF_UNIX))
+            listener.bind(str(tmp_path / "var/run" / name))
+            listener.listen()
+        attempt_all(tmp_path, shared)
+
+
+def attempt_all(tmp_path, shared):
     done = subprocess.run(["/usr/bin/python3", "-B", str(CONFINE), str(UNIT), "python3", "/usr/bin/python3", "-c",
                            textwrap.dedent(ATTEMPTS), str(tmp_path), str(shared)], stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, text=True, timeout=60, check=False,

@@ -5,8 +5,9 @@
 
 The program gets NAME as the name that it is run by. Taken from the unit are the limits, the mode mask, the capability
 bounding set, the files that may be written and run, and the system call filter (systemd-analyze tells what is in its
-groups). In place of /run files are written below DIRWELL_ROOT; programs may be run from there and from the program's
-own folder, too, since tests put them there. Where a restriction cannot be had, the program is not run.
+groups). In place of /run files are written below DIRWELL_ROOT, whose var/run is what is there to be hidden or only read;
+programs may be run from there and from the program's own folder, too, since tests put them there. Where a restriction
+cannot be had, the program is not run.
 """
 
 import ctypes
@@ -94,11 +95,25 @@ def take_files(settings, program):
     for path in written:
         if path not in executed:
             own(path, MS_NOEXEC)
+    for path in paths_in_run(settings, "ReadOnlyPaths", root):
+        own(path, MS_RDONLY | MS_NOEXEC)
+    for path in paths_in_run(settings, "InaccessiblePaths", root):
+        if os.path.isdir(path):
+            mount("tmpfs", path, "tmpfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=000")
+        else:
+            mount("/dev/null", path, None, MS_BIND)
 
 
 def paths_of(settings, key):
     paths = [path for value in settings[key] for path in value.split()]
     return [path.lstrip("-") for path in paths if not path.startswith("-") or os.path.isdir(path[1:])]
+
+
+def paths_in_run(settings, key, root):
+    """Those of the setting that are there, in what stands for /run."""
+    paths = [path for value in settings[key] for path in value.split()]
+    assert all(path.startswith("-/run/") for path in paths), paths
+    return [path for path in (f"{root}/var{each[1:]}" for each in paths) if root and os.path.lexists(path)]
 
 
 def take_devices():
@@ -203,8 +218,8 @@ def call_filter(settings):
 def main():
     unit, name, program, *arguments = sys.argv[1:]
     settings = read_unit(unit)
-    handled = {"ProtectSystem", "ReadWritePaths", "NoExecPaths", "ExecPaths", "PrivateDevices", "ProtectProc",
-               "ProtectKernelTunables", "PrivateNetwork", "UMask", "CapabilityBoundingSet", "NoNewPrivileges",
+    handled = {"ProtectSystem", "ReadWritePaths", "ReadOnlyPaths", "InaccessiblePaths", "NoExecPaths", "ExecPaths",
+               "PrivateDevices", "ProtectProc", "ProtectKernelTunables", "PrivateNetwork", "UMask", "CapabilityBoundingSet", "NoNewPrivileges",
                "SystemCallFilter", "SystemCallErrorNumber", "RestrictAddressFamilies", "RestrictNamespaces",
                "RestrictSUIDSGID", "LockPersonality", "MemoryDenyWriteExecute", *LIMITS}
     unknown = set(settings) - handled - ELSEWHERE
