@@ -28,6 +28,15 @@ static int mode_of(int flags, va_list arguments) {
 OPEN(open)
 OPEN(open64)
 
+/* What open becomes where the compiler cannot see that the flags need no mode. */
+#define OPEN_CHECKED(name)                                                   \
+  EXPORT int name(const char *path, int flags) {                             \
+    REAL(int (*)(const char *, int), #name);                                 \
+    return fault_strikes_blocking(call_open, path) ? -1 : real(path, flags); \
+  }
+OPEN_CHECKED(__open_2)
+OPEN_CHECKED(__open64_2)
+
 #define OPENAT(name)                                                                       \
   EXPORT int name(int folder, const char *path, int flags, ...) {                          \
     va_list arguments;                                                                     \

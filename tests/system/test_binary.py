@@ -30,3 +30,21 @@ def test_every_symbol_is_bound_at_the_start(name):
     assert re.search(r"\(FLAGS\)\s+.*BIND_NOW", dynamic)
     assert re.search(r"\(FLAGS_1\)\s+Flags: .*\bNOW\b", dynamic)
     assert "TEXTREL" not in dynamic and "RPATH" not in dynamic and "RUNPATH" not in dynamic
+
+
+def test_an_overrun_of_a_buffer_ends_the_process():
+    """In what is run on the appliance; sanitizers and debuggers have their own ways."""
+    cache = (binary_folder() / "CMakeCache.txt").read_text()
+    guarded = "\nDIRWELL_SANITIZE:STRING=\n" in cache and "\nCMAKE_BUILD_TYPE:STRING=Rel" in cache
+    symbols = read_elf("dirwell", "--dyn-syms")
+    assert ("__stack_chk_fail@" in symbols) == guarded
+    assert bool(re.search(r"\b__\w+_chk@", symbols)) == guarded
+
+
+def test_no_checked_form_of_a_call_goes_past_the_faults():
+    """The C library has them beside the plain ones; which is called is the compiler's to say."""
+    given = set(re.findall(r"\bUND (\w+)", read_elf("dirwell", "--dyn-syms")))
+    failing = set(re.findall(r"\bDEFAULT +\d+ (\w+)", read_elf("tests/faults/libdirwell_faults.so", "--dyn-syms")))
+    assert {"open", "read", "recv"} <= given & failing
+    checked = {name for name in given if re.fullmatch(r"__\w+_(chk|2)", name)}
+    assert {name for name in checked if re.sub("^__(.*)_(chk|2)$", r"\1", name) in failing} <= failing
