@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,7 +10,6 @@
 #include <chrono>
 
 #include "platform/host/fork_guard.h"
-#include "platform/host/worker.h"
 
 #ifndef SO_PASSRIGHTS
 #define SO_PASSRIGHTS 83  // of kernels later than the C library's headers
@@ -25,60 +23,49 @@ constexpr long longest_nanoseconds = 5'000'000;
 // Nobody else sends it, and where no handler stands it does nothing.
 constexpr int interruption = SIGURG;
 
-// The worker's timer. A forked process has none, and a worker of its own makes another.
-class Timer {
- public:
-  Timer() : owner_(::getpid()) {
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    ::sigemptyset(&action.sa_mask);
-    ::sigaction(interruption, &action, nullptr);  // without SA_RESTART: what waits is to end
-    fork_guard::add_signal(interruption);
-    sigevent event = {};
-    event.sigev_notify = SIGEV_THREAD_ID;
-    event.sigev_signo = interruption;
-    event._sigev_un._tid = static_cast<pid_t>(::syscall(SYS_gettid));
-    there_ = ::timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0;
-  }
-  ~Timer() {
-    if (there_ && owner_ == ::getpid()) {
-      ::timer_delete(timer_);
-    }
-  }
-  Timer(const Timer &) = delete;
-  Timer &operator=(const Timer &) = delete;
-
-  void set(long nanoseconds) const {
-    const itimerspec times = {{0, nanoseconds}, {0, nanoseconds}};
-    if (there_ && owner_ == ::getpid()) {
-      const int error = errno;
-      ::timer_settime(timer_, 0, &times, nullptr);
-      errno = error;
-    }
-  }
-
- private:
-  pid_t owner_;
-  timer_t timer_ = {};
-  bool there_ = false;
-};
-
-Timer &timer() {
-  thread_local Timer own;
-  return own;
-}
+thread_local const Interruptions *worker_interruptions = nullptr;
 
 }  // namespace
 
+Interruptions::Interruptions() : owner_(::getpid()) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  ::sigemptyset(&action.sa_mask);
+  ::sigaction(interruption, &action, nullptr);  // without SA_RESTART: what waits is to end
+  fork_guard::add_signal(interruption);
+  sigevent event = {};
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = interruption;
+  event._sigev_un._tid = static_cast<pid_t>(::syscall(SYS_gettid));
+  there_ = ::timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0;
+  worker_interruptions = this;
+}
+
+Interruptions::~Interruptions() {
+  worker_interruptions = nullptr;
+  if (there_ && owner_ == ::getpid()) {
+    ::timer_delete(timer_);
+  }
+}
+
+void Interruptions::every(long nanoseconds) const {
+  const itimerspec times = {{0, nanoseconds}, {0, nanoseconds}};
+  if (there_ && owner_ == ::getpid()) {
+    const int error = errno;
+    ::timer_settime(timer_, 0, &times, nullptr);
+    errno = error;
+  }
+}
+
 BriefCalls::BriefCalls() {
-  if (on_worker()) {
-    timer().set(longest_nanoseconds);
+  if (worker_interruptions != nullptr) {
+    worker_interruptions->every(longest_nanoseconds);
   }
 }
 
 BriefCalls::~BriefCalls() {
-  if (on_worker()) {
-    timer().set(0);
+  if (worker_interruptions != nullptr) {
+    worker_interruptions->every(0);
   }
 }
 

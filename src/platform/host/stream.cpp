@@ -162,7 +162,7 @@ void Stream::wait_for_end(std::size_t watch) {
   });
   // The loop reports changes: what had happened before is asked for.
   if (gone()) {
-    socket_.cancel();
+    cancel();
   }
 }
 
@@ -170,7 +170,7 @@ void Stream::unwatch() {
   ++watches_;
   on_gone_ = nullptr;
   pause_.cancel();
-  socket_.cancel();
+  cancel();
 }
 
 bool Stream::gone() {
@@ -178,8 +178,10 @@ bool Stream::gone() {
   return hung_up_ || (::poll(&watched, 1, 0) > 0 && (watched.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0);
 }
 
+// Called while destructors run too: what there is nothing to cancel for is no failure.
 void Stream::cancel() {
-  socket_.cancel();
+  boost::system::error_code ignored;
+  socket_.cancel(ignored);
 }
 
 void Stream::finish() {
@@ -189,7 +191,7 @@ void Stream::finish() {
 void Stream::hang_up() {
   hung_up_ = true;
   ::shutdown(socket_.native_handle(), SHUT_RDWR);
-  socket_.cancel();
+  cancel();
 }
 
 }  // namespace dirwell::host

@@ -1,6 +1,8 @@
 // Which thread is the bus worker.
 #pragma once
 
+#include "platform/host/brief_calls.h"
+
 namespace dirwell::host {
 
 // Whether the calling thread is running a service's loop now. It must not wait for what only the loop can do. A forked
@@ -14,6 +16,9 @@ class WorkerScope {
   ~WorkerScope();
   WorkerScope(const WorkerScope &) = delete;
   WorkerScope &operator=(const WorkerScope &) = delete;
+
+ private:
+  Interruptions interruptions_;
 };
 
 // The calling thread is a copy in a forked process.
