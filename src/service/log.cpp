@@ -12,7 +12,7 @@
 
 namespace dirwell {
 
-std::int32_t log_level = 6;
+std::atomic<std::int32_t> log_level = 6;
 
 namespace {
 

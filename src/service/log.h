@@ -5,6 +5,7 @@
 // the fork gate, because breaking down a time takes a lock of the C library.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -13,13 +14,13 @@
 namespace dirwell {
 
 // Process-wide level, 6 when the process starts. Written during start-up only, read everywhere without a lock.
-extern std::int32_t log_level;
+extern std::atomic<std::int32_t> log_level;
 
 // The threshold of each severity: its lines are written when log_level is greater.
 enum class Severity : std::int32_t { fatal = 0, error = 2, warning = 3, info = 5, debug = 6, trace = 7 };
 
 inline bool log_enabled(Severity severity) {
-  return log_level > static_cast<std::int32_t>(severity);
+  return log_level.load(std::memory_order_relaxed) > static_cast<std::int32_t>(severity);
 }
 
 // Where a D or T line comes from: the source's name without folder and extension, the line, the function.

@@ -24,9 +24,6 @@ const char *__tsan_default_suppressions() {
       // The report of a crash allocates, in a process that has no other way on than to its end; an alarm ends it where
       // the heap is in no state for that.
       "signal:dirwell::on_crash_signal\n"
-      // Read everywhere without a lock; written while the options are read, when the liveness timer runs already but
-      // has 30 seconds to go, and by tests.
-      "race:dirwell::log_level\n"
       // The C library guards its time zone with a lock of its own, which is not seen.
       "race:tzset\n";
 }
