@@ -15,6 +15,8 @@ from harness.instance import wait_until
 from harness.loglines import said
 from harness.tree import make_file, make_folder
 
+MIB = 1 << 20
+
 
 @pytest.fixture(scope="module")
 def daemon():
@@ -37,6 +39,18 @@ def status_of(pid):
     except OSError:
         return {}
     return {key: value.split() for key, value in (line.split(":", 1) for line in text.splitlines())}
+
+
+def most_data(pid):
+    """How much memory of its own a process may have; None where there is no limit."""
+    limit, = (line.split()[3] for line in pathlib.Path(f"/proc/{pid}/limits").read_text().splitlines()
+              if line.startswith("Max data size"))
+    return None if limit == "unlimited" else int(limit)
+
+
+def data_of(pid):
+    """How much of it a process has."""
+    return int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[5]) * os.sysconf("SC_PAGE_SIZE")
 
 
 def hang_tight(instance):
@@ -121,10 +135,12 @@ def test_the_reader_of_a_cache_is_the_session_user_and_nobody_else(nobodys):
         f"{ENDLESS.replace('FROM n)', 'FROM n LIMIT 1000000)')} INSERT INTO sqlite_master "
         "SELECT 'table', 't' || i, 't' || i, 2, 'CREATE TABLE t' || i || '(a, b, c, d, e, f, g, h, i, j)' FROM n")
     path.chmod(0o644)
+    unbound = most_data(nobodys.process.pid)
     assert outcome(nobodys.call("watch")) == (0, "")
-    seen = wait_until(lambda: [status_of(pid) for pid in nobodys.daemon_children()])
     reader, = wait_until(lambda: [s for s in map(status_of, nobodys.daemon_children()) if s and s["Uid"][0] != "0"])
-    assert seen
+    # Its memory is bounded, to 256 MiB more than the daemon has; the daemon's is not.
+    assert unbound is None
+    assert 224 * MIB < most_data(int(reader["Pid"][0])) - data_of(nobodys.process.pid) < 288 * MIB
     assert (reader["Uid"], reader["Gid"], reader["Groups"]) == (["65534"] * 4, ["65534"] * 4, ["65534"])
     assert [reader[name] for name in ("CapPrm", "CapEff", "CapAmb")] == [["0000000000000000"]] * 3
     # It is ended when its time is over.
