@@ -18,7 +18,7 @@ namespace {
 constexpr std::string_view reply_head = "Content-Type: application/json; charset=utf-8\r\n\r\n";
 
 // Collects the serialiser's many small pieces, so that a page of entries costs a few writes and not some hundred
-// thousand.
+// thousand. Nothing follows a piece that could not be written: the serialiser goes on behind the failure of a key.
 class BufferedWriter {
  public:
   explicit BufferedWriter(int descriptor) : descriptor_(descriptor) {}
@@ -39,15 +39,16 @@ class BufferedWriter {
 
   bool flush() {
     std::size_t done = 0;
-    while (done < used_) {
+    while (!failed_ && done < used_) {
       const ssize_t written = ::write(descriptor_, buffer_.data() + done, used_ - done);
       if (written < 0 && errno == EINTR) {
         continue;
       }
-      if (written <= 0) {
-        return false;
-      }
-      done += static_cast<std::size_t>(written);
+      failed_ = written <= 0;
+      done += failed_ ? 0 : static_cast<std::size_t>(written);
+    }
+    if (failed_) {
+      return false;
     }
     used_ = 0;
     return true;
@@ -55,23 +56,37 @@ class BufferedWriter {
 
  private:
   int descriptor_;
+  bool failed_ = false;
   std::size_t used_ = 0;
   std::array<char, 65536> buffer_;
 };
 
-int append_to_descriptor(const char *data, std::size_t size, void *writer) {
-  return static_cast<BufferedWriter *>(writer)->append(data, size) ? 0 : -1;
-}
+// The same for an io object.
+class IoWriter {
+ public:
+  explicit IoWriter(hx_io *io) : io_(io) {}
 
-int append_to_io(const char *data, std::size_t size, void *io) {
-  return hx_io_write(static_cast<hx_io *>(io), data, size) == size ? 0 : -1;
+  bool append(const char *data, std::size_t size) {
+    failed_ = failed_ || hx_io_write(io_, data, size) != size;
+    return !failed_;
+  }
+  [[nodiscard]] bool failed() const { return failed_; }
+
+ private:
+  hx_io *io_;
+  bool failed_ = false;
+};
+
+template <class Writer>
+int append_to(const char *data, std::size_t size, void *writer) {
+  return static_cast<Writer *>(writer)->append(data, size) ? 0 : -1;
 }
 
 // False when not all of it is out: the client is going away, or memory is short.
 bool write_to_descriptor(int descriptor, const json_t *object) {
   BufferedWriter writer(descriptor);
   const bool written = writer.append(reply_head.data(), reply_head.size()) &&
-                       json_dump_callback(object, append_to_descriptor, &writer, reply_json_flags) == 0 &&
+                       json_dump_callback(object, append_to<BufferedWriter>, &writer, reply_json_flags) == 0 &&
                        writer.flush();
   // Matters where the bus hands out a file; a socket has nothing to sync and says so.
   ::fsync(descriptor);
@@ -81,7 +96,8 @@ bool write_to_descriptor(int descriptor, const json_t *object) {
 }  // namespace
 
 bool dump_json(const json_t *value, hx_io *io) {
-  return json_dump_callback(value, append_to_io, io, reply_json_flags) == 0;
+  IoWriter writer(io);
+  return json_dump_callback(value, append_to<IoWriter>, &writer, reply_json_flags) == 0 && !writer.failed();
 }
 
 void write_reply(hx_io *io, int descriptor, json_t *result, const ErrorRecord &record) {

@@ -11,9 +11,10 @@ import os
 
 import pytest
 
-from harness.fault_requests import Requests, differences, furnish
+from harness.fault_requests import Requests, chosen, differences, furnish, nothing_is_left
 from harness.faults import Faults
 from harness.instance import fresh_instance, wait_until
+from harness.tree import make_file
 
 ALL = os.environ.get("DIRWELL_FAULTS") == "all"
 MOST = 10**9 if ALL else 4  # occurrences of one call
@@ -141,15 +142,6 @@ def served():
         yield instance
 
 
-def chosen(count, most):
-    """At most that many of the numbers from 1 to count: the first, the last, and some in between."""
-    if count <= most:
-        return range(1, count + 1)
-    if most == 1:
-        return [1]
-    return sorted({1 + round(place * (count - 1) / (most - 1)) for place in range(most)})
-
-
 def judged(name, process, call, reply, expected):
     """The outcome in a word; fails when it is none that may be."""
     place = f"{name}: {call} fails in {process}"
@@ -194,9 +186,7 @@ def intact(instance, name):
     for following in ("list", name):
         instance.requests.prepare(following)
         assert differences(instance.requests.ask(following), instance.expected[following]) == set()
-    assert wait_until(lambda: instance.daemon_descriptors() <= instance.descriptors), "descriptors leak"
-    assert wait_until(lambda: instance.daemon_children() == []), "a zombie is left"
-    assert wait_until(lambda: instance.request_processes() == []), "a process is left"
+    nothing_is_left(instance, instance.descriptors)
 
 
 def sweep(instance, tally, name, process, calls=None):
@@ -281,3 +271,29 @@ def test_calls_that_fail_from_some_time_on(served, tally, name, call, error):
         if faults.injected:
             tally.note("request", f"{call} from then on", judged(name, "request", call, reply, served.expected[name]))
     intact(served, name)
+
+
+def test_a_long_reply_that_breaks_off_is_no_reply(make_instance):
+    """It may break off anywhere, also where the rest could be written again."""
+    instance = make_instance("nobody")
+    faults = Faults(instance)
+    for number in range(400):
+        make_file(instance.share / f"file {number}")
+    instance.start("--level", "5", "--sid", instance.sid)  # no line of the request's own
+    faults.begin()
+    requests = Requests(instance)
+    requests.listing["limit"] = 2000
+    faults.watch_only()
+    expected = requests.ask("fetch.resource")
+    assert len(expected["datas"]) == 400
+    requests.settle(faults)
+    count = faults.counts("request")["write"]
+    assert count >= 4
+    for number in range(1, count + 1):
+        for error in (errno.EIO, errno.ENOBUFS):
+            faults.arm("request", "write", first=number, error=error)
+            assert requests.ask("fetch.resource") in ("502", "closed")
+            requests.settle(faults)
+            assert faults.injected == 1
+    faults.disarm()
+    assert requests.ask("fetch.resource") == expected

@@ -38,7 +38,8 @@ def furnish(instance):
 
 
 class Requests:
-    """The requests that are made; each has a name. A reply is an object of JSON, or a word for all that is none."""
+    """The requests that are made; each has a name, which ends with its endpoint. A reply is an object of JSON, or a word
+    for all that is none."""
 
     def __init__(self, instance):
         self.instance = instance
@@ -50,12 +51,15 @@ class Requests:
         if name in ("fetch.cache", "delete.cache") and self.uuid is None:
             self.uuid = self.instance.call("create.cache", self.listing)["uuid"]
 
-    def ask(self, name):
-        body = {"fetch.resource": self.listing, "create.cache": self.listing, "fetch.cache": {"uuid": self.uuid},
+    def body(self, name):
+        return {"fetch.resource": self.listing, "create.cache": self.listing, "fetch.cache": {"uuid": self.uuid},
                 "delete.cache": {"uuid": self.uuid}, "watch": {"index": 1}}.get(name)
+
+    def ask(self, name):
+        body = self.body(name)
         if name in ("create.cache", "delete.cache"):
             self.uuid = None
-        method, target = ("GET", "/") if name == "list" else ("POST", f"/{name}")
+        method, target = ("GET", "/") if name == "list" else ("POST", f"/{name.split()[-1]}")
         try:
             reply = bus.exchange(self.instance.socket, method, target, body and json.dumps(body).encode(), timeout=PATIENCE)
         except TimeoutError as error:
@@ -91,11 +95,26 @@ class Requests:
         """Waits until the processes and jobs of the last request have ended."""
         assert wait_until(lambda: faults.unended == 0, 10, 0.002), "a request process did not end of its own accord"
 
-
     def quiet(self, faults):
         """The same, and for the watch jobs too: they run one after the other, and this one touches nothing."""
         self.settle(faults)
         assert self.instance.call("watch", {"index": 3})["error_message"] == "invalid index"
+
+
+def nothing_is_left(instance, descriptors):
+    """Fails when the daemon has more descriptors than those it had, a child, or a request process."""
+    assert wait_until(lambda: instance.daemon_descriptors() <= descriptors), "descriptors leak"
+    assert wait_until(lambda: instance.daemon_children() == []), "a zombie is left"
+    assert wait_until(lambda: instance.request_processes() == []), "a process is left"
+
+
+def chosen(count, most):
+    """At most that many of the numbers from 1 to count: the first, the last, and some in between."""
+    if count <= most:
+        return range(1, count + 1)
+    if most == 1:
+        return [1]
+    return sorted({1 + round(place * (count - 1) / (most - 1)) for place in range(most)})
 
 
 def differences(reply, expected):
