@@ -113,8 +113,10 @@ void write_reply(hx_io *io, int descriptor, json_t *result, const ErrorRecord &r
   // A message quotes only fixed texts and texts of the database, which need not be well-formed.
   json_put(object, "error_message", json_text(record.message).release());
   hx_io_realloc(io, 0);
+  // A text that memory was too short to cut would be sent with the reply, which without it is whole as it is written.
+  const bool emptied = hx_io_size(io) == 0;
   // Half a reply must not pass for a whole one, so it is not completed: the bus then tells the client.
-  if (descriptor < 0 ? dump_json(object, io) : write_to_descriptor(descriptor, object)) {
+  if (descriptor < 0 ? emptied && dump_json(object, io) : write_to_descriptor(descriptor, object) && emptied) {
     hx_reply(io);
   }
 }
