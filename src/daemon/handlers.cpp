@@ -37,7 +37,7 @@ void request_watch(std::uint64_t index) {
   constexpr int reply_into_io = -1;
   hx_io *io = hx_io_create();
   const JsonRef body(json_pack("{si}", "index", static_cast<int>(index)));
-  if (dump_json(body.get(), io)) {
+  if (io != nullptr && dump_json(body.get(), io)) {
     hx_call(Session::instance().instance_name().c_str(), "watch", io, watch_seconds, reply_into_io);
   }
   hx_io_free(io);
