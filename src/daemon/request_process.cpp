@@ -52,8 +52,10 @@ json_t *prepare_job(hx_io *io, json_t *parameters) {
       throw std::runtime_error("the request's text cannot be read");
     }
     const std::string &text = known.texts.front();
-    hx_io_realloc(io, 0);
-    hx_io_write(io, text.data(), text.size());
+    // A text that is kept in part would be another request.
+    if (hx_io_realloc(io, 0) != 0 || hx_io_write(io, text.data(), text.size()) != text.size()) {
+      throw std::bad_alloc();
+    }
   }
   return build_request_object(io, parameters).release();
 }
