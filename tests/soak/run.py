@@ -8,6 +8,7 @@ programs (./dev soak builds them). Ends with 0 when every claim holds, else with
 
 import argparse
 import contextlib
+import functools
 import os
 import pathlib
 import pwd
@@ -21,12 +22,13 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
 
-from harness.instance import TOP, fresh_instance, wait_until  # noqa: E402 (behind the path above)
+from harness.caches import changed, followed, next_second  # noqa: E402 (behind the path above)
+from harness.instance import TOP, fresh_instance, wait_until  # noqa: E402
 
 import figures  # noqa: E402
 import shares  # noqa: E402
 import troubles  # noqa: E402
-from asks import Asks  # noqa: E402
+from asks import CONTENDED, EXACT, Asks  # noqa: E402
 from chronicle import Chronicle  # noqa: E402
 from clients import LeavingClient, StayingClient, Tally, time_limit  # noqa: E402
 
@@ -128,6 +130,22 @@ class Soak:
         found = sorted(path.name for path in (self.volume / ".fs").iterdir())
         assert found == [f"{self.instance.sid}.1", f"{self.instance.sid}.2"], found
 
+    def check_watches(self):
+        """Caches are followed as they were: a change in the folder of one is noticed."""
+        for index in (1, 2):
+            uuid = followed(self.instance, self.stable.numbered, index=index)
+            assert changed(self.instance, uuid, index=index) is False, f"cache {index} has changed by itself"
+            next_second()
+            os.utime(self.stable.numbered / "n000.dat", (shares.WHEN, shares.WHEN))
+            assert wait_until(functools.partial(changed, self.instance, uuid, index=index)), \
+                f"a change in the folder of cache {index} is not noticed"
+
+    def check_outcomes(self):
+        """A cache that others use at the same time excuses a request now and then, not nearly all of them."""
+        for label in ("create.cache", "fetch.cache", "delete.cache"):
+            counts = self.tally.outcomes[label]
+            assert counts[CONTENDED] < 20 or counts[EXACT] > counts[CONTENDED] // 10, f"{label}: {dict(counts)}"
+
     def check_holdings(self, before, after):
         assert after.descriptors == before.descriptors, f"descriptors: {before.kinds}, now {after.kinds}"
         assert after.threads == before.threads, f"threads: {before.threads}, now {after.threads}"
@@ -213,9 +231,11 @@ class Soak:
             seconds = time.monotonic() - begin
             self.settle()
             self.check_caches()
+            self.check_watches()
             after = self.holdings()
             figures.print_report(self.tally, seconds, rows, before, after, sys.stdout)
             assert self.chronicle.over_excused() == 0, "more requests failed than processes were killed"
+            self.check_outcomes()
             self.check_holdings(before, after)
             self.check_log()
             self.check_end()

@@ -5,8 +5,8 @@
 
 The program gets NAME as the name that it is run by. Taken from the unit are the limits, the mode mask, the capability
 bounding set, the files that may be written and run, and the system call filter (systemd-analyze tells what is in its
-groups). In place of /run files are written below DIRWELL_ROOT, whose var/run is what is there to be hidden or only read;
-programs may be run from there and from the program's own folder, too, since tests put them there. Where a restriction
+groups). In place of /run files are written below DIRWELL_ROOT, in whose var/run lies what is to be hidden or only read.
+Programs may be run from there and from the program's own folder, too, since tests put them there. Where a restriction
 cannot be had, the program is not run.
 """
 
@@ -219,9 +219,10 @@ def main():
     unit, name, program, *arguments = sys.argv[1:]
     settings = read_unit(unit)
     handled = {"ProtectSystem", "ReadWritePaths", "ReadOnlyPaths", "InaccessiblePaths", "NoExecPaths", "ExecPaths",
-               "PrivateDevices", "ProtectProc", "ProtectKernelTunables", "PrivateNetwork", "UMask", "CapabilityBoundingSet", "NoNewPrivileges",
-               "SystemCallFilter", "SystemCallErrorNumber", "RestrictAddressFamilies", "RestrictNamespaces",
-               "RestrictSUIDSGID", "LockPersonality", "MemoryDenyWriteExecute", *LIMITS}
+               "PrivateDevices", "ProtectProc", "ProtectKernelTunables", "PrivateNetwork", "UMask",
+               "CapabilityBoundingSet", "NoNewPrivileges", "SystemCallFilter", "SystemCallErrorNumber",
+               "RestrictAddressFamilies", "RestrictNamespaces", "RestrictSUIDSGID", "LockPersonality",
+               "MemoryDenyWriteExecute", *LIMITS}
     unknown = set(settings) - handled - ELSEWHERE
     assert not unknown, f"how to confine by {unknown}?"
     for key in ("PrivateDevices", "ProtectKernelTunables", "PrivateNetwork", "NoNewPrivileges"):
