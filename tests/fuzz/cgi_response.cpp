@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -70,6 +71,77 @@ bool is_number(std::string_view digits) {
   return !digits.empty() && std::ranges::all_of(digits, [](char digit) { return digit >= '0' && digit <= '9'; });
 }
 
+std::string_view without_blanks(std::string_view text) {
+  while (text.starts_with(' ') || text.starts_with('\t')) {
+    text.remove_prefix(1);
+  }
+  while (text.ends_with(' ') || text.ends_with('\t')) {
+    text.remove_suffix(1);
+  }
+  return text;
+}
+
+std::string lower(std::string_view text) {
+  std::string result(text);
+  for (char &letter : result) {
+    letter = letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter;
+  }
+  return result;
+}
+
+// The number of nothing but digits, none where they are more than `most`.
+std::optional<std::uint64_t> number(std::string_view digits, std::uint64_t most) {
+  unsigned __int128 value = 0;
+  for (const char digit : digits) {
+    value = value * 10 + static_cast<unsigned>(digit - '0');
+    if (digit < '0' || digit > '9' || value > most) {
+      return std::nullopt;
+    }
+  }
+  return digits.empty() ? std::nullopt : std::optional(static_cast<std::uint64_t>(value));
+}
+
+bool means_json(std::string_view type) {
+  const std::string name = lower(without_blanks(type.substr(0, type.find(';'))));
+  return name == "application/json" || (name.ends_with("+json") && name.size() > 5);
+}
+
+// What a head says; none for one with a line that is no field.
+std::optional<host::CgiHead> said_by(std::string_view head) {
+  host::CgiHead said;
+  for (std::size_t lines = 0;; ++lines) {
+    std::string_view line = take_line(head);
+    line.remove_suffix(line.ends_with('\r') ? 1 : 0);
+    if (line.empty()) {
+      return lines > 0 ? std::optional(said) : std::nullopt;
+    }
+    const std::size_t colon = line.find(':');
+    const std::string_view value = colon == std::string_view::npos ? "" : without_blanks(line.substr(colon + 1));
+    if (colon == std::string_view::npos || !is_token(line.substr(0, colon)) || !is_clean(value)) {
+      return std::nullopt;
+    }
+    const std::string name = lower(line.substr(0, colon));
+    if (name == "status") {
+      const auto status = number(value.substr(0, value.find(' ')), 599);
+      if (!status || *status < 200) {
+        return std::nullopt;
+      }
+      said.status = static_cast<int>(*status);
+    } else if (name == "content-length") {
+      said.content_length = number(value, UINT64_MAX);
+      if (!said.content_length) {
+        return std::nullopt;
+      }
+    } else if (name != "connection" && name != "keep-alive" && name != "proxy-connection" && name != "te" &&
+               name != "proxy-authenticate" && name != "proxy-authorization" && name != "trailer" &&
+               name != "transfer-encoding" && name != "upgrade") {
+      said.json = said.json || (name == "content-type" && means_json(value));
+      said.has_date = said.has_date || name == "date";
+      said.fields += std::string(line.substr(0, colon)) + ": " + std::string(value) + "\r\n";
+    }
+  }
+}
+
 // --- The promises
 
 // Nothing of the handler's gets between the lines of the head that the client sees.
@@ -104,12 +176,26 @@ void check_heads(const host::CgiHead &head) {
   }
 }
 
+// A head is taken for what it says.
+void check_said(std::string_view head, const CgiReader &reader) {
+  const auto said = said_by(head);
+  check((reader.state() == CgiReader::State::body) == said.has_value(), "a head of fields is one, no other is", head);
+  if (said) {
+    check_equal(reader.head().status, said->status, "the status is the one it names");
+    check_equal(reader.head().fields, said->fields, "its fields are passed on");
+    check(reader.head().content_length == said->content_length, "the length is the one it names", head);
+    check(reader.head().json == said->json && reader.head().has_date == said->has_date, "and type and date", head);
+  }
+}
+
 void check_response(std::string_view bytes, const Read &whole) {
   const std::string_view head = head_of(bytes);
   const CgiReader &reader = whole.reader;
   if (head.empty()) {
     check(reader.state() == (bytes.size() < CgiReader::head_limit ? CgiReader::State::head : CgiReader::State::broken),
           "without an empty line there is no body");
+  } else {
+    check_said(head, reader);
   }
   check(whole.body.empty() || reader.state() == CgiReader::State::body, "only a response has a body");
   if (reader.state() != CgiReader::State::body) {
@@ -127,6 +213,8 @@ void check_response(std::string_view bytes, const Read &whole) {
   check(reader.whole(true) || !reader.whole(false), "the handler's word makes nothing less whole");
   if (reader.head().content_length && !reader.head().bodyless()) {
     check(reader.whole(true) == (whole.body.size() == *reader.head().content_length), "a length must be met");
+  } else {
+    check(reader.whole(true), "without one the handler's word counts");
   }
   check_heads(reader.head());
 }
