@@ -75,7 +75,7 @@ static bool chosen(enum fault_process process, enum fault_call call) {
   return true;
 }
 
-bool fault_strikes(enum fault_call call, const char *path) {
+EXPORT bool fault_strikes(enum fault_call call, const char *path) {
   if (plan == NULL) {
     return false;
   }

@@ -9,6 +9,12 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+#include "operations.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 /* The calls that can fail; names that do the same count as one. Laid out by hand: the tool knows no end of it. */
 // clang-format off
 #define FAULT_CALLS(X)                                                                                          \
@@ -20,7 +26,7 @@
   X(waitpid) X(pthread_create) X(getgrouplist) X(getpwnam_r) X(getpwuid_r) X(getgrgid_r) X(setgroups)           \
   X(setegid) X(seteuid) X(setfsuid) X(setfsgid) X(raw_setgroups) X(raw_setsid) X(raw_setresgid)                 \
   X(raw_setresuid) X(raw_capset) X(raw_dup3) X(raw_close_range) X(raw_execve) X(raw_pidfd_open) X(prctl)        \
-  X(malloc)
+  X(malloc) FAULT_OPERATIONS(X)
 // clang-format on
 
 enum fault_call {
@@ -62,7 +68,7 @@ struct fault_plan {
   uint32_t process;
   uint32_t first; /* the first occurrence that fails, from 1 on */
   uint32_t times; /* how many in a row fail; 0 for all from there on */
-  uint32_t error; /* errno; 0 for a switch of identity that reports success and does nothing */
+  uint32_t error; /* errno; 0 for a switch of identity that reports success and does nothing, and see platform.cpp */
   uint32_t recording;
   uint32_t hastened; /* milliseconds: no timer of the daemon ticks more slowly; 0 leaves them alone */
 
@@ -94,4 +100,7 @@ void *fault_real(void **known, const char *name);
   static void *known_real; \
   const __typeof__(type) real = (__typeof__(type))fault_real(&known_real, name)
 
+#ifdef __cplusplus
+}
+#endif
 #endif

@@ -11,7 +11,7 @@ import os
 
 import pytest
 
-from harness.fault_requests import Requests, chosen, differences, furnish, nothing_is_left
+from harness.fault_requests import Requests, chosen, differences, furnish, nothing_is_left, tell
 from harness.faults import Faults
 from harness.instance import fresh_instance, wait_until
 from harness.tree import make_file
@@ -116,11 +116,7 @@ class Tally:
 def tally(pytestconfig):
     made = Tally()
     yield made
-    writer = pytestconfig.get_terminal_writer()
-    writer.line()
-    writer.line(f"{made.injected} faults were injected and survived")
-    for line in made.table() if ALL else ():
-        writer.line(line)
+    tell(pytestconfig, f"{made.injected} faults were injected and survived", *(made.table() if ALL else ()))
 
 
 @pytest.fixture(scope="module")
@@ -192,7 +188,8 @@ def intact(instance, name):
 def sweep(instance, tally, name, process, calls=None):
     """Every call that the request makes in that process."""
     instance.requests.prepare(name)
-    instance.requests.settle(instance.faults)
+    # Jobs of the watch requests before have processes between too.
+    (instance.requests.quiet if process == "between" else instance.requests.settle)(instance.faults)
     instance.faults.watch_only()
     assert differences(instance.requests.ask(name), instance.expected[name]) == set()
     instance.requests.settle(instance.faults)

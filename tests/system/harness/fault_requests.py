@@ -101,6 +101,12 @@ class Requests:
         assert self.instance.call("watch", {"index": 3})["error_message"] == "invalid index"
 
 
+def tell(pytestconfig, *lines):
+    """To the terminal, although what tests print is captured."""
+    with pytestconfig.pluginmanager.getplugin("capturemanager").global_and_fixture_disabled():
+        print("", *lines, sep="\n")
+
+
 def nothing_is_left(instance, descriptors):
     """Fails when the daemon has more descriptors than those it had, a child, or a request process."""
     assert wait_until(lambda: instance.daemon_descriptors() <= descriptors), "descriptors leak"
