@@ -12,6 +12,7 @@ import pytest
 from harness.caches import (caching_instance, changed, create, database, followed, made, names, opened, outcome, page,
                             wait_watched, watched, watches)
 from harness.instance import wait_until
+from harness.intruder import can_do
 from harness.loglines import said
 from harness.tree import make_file, make_folder
 
@@ -143,6 +144,8 @@ def test_the_reader_of_a_cache_is_the_session_user_and_nobody_else(nobodys):
     assert 224 * MIB < most_data(int(reader["Pid"][0])) - data_of(nobodys.process.pid) < 288 * MIB
     assert (reader["Uid"], reader["Gid"], reader["Groups"]) == (["65534"] * 4, ["65534"] * 4, ["65534"])
     assert [reader[name] for name in ("CapPrm", "CapEff", "CapAmb")] == [["0000000000000000"]] * 3
+    # It began as the daemon's copy: its user may end it, and see or lead nothing of it.
+    assert can_do(int(reader["Pid"][0])) == {"signal"}
     # It is ended when its time is over.
     wait_reloaded(nobodys)
     assert wait_until(lambda: nobodys.daemon_children() == [])

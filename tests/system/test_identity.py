@@ -10,6 +10,7 @@ import time
 import pytest
 
 from harness.instance import PLAIN_CRASHES, wait_until
+from harness.intruder import can_do
 from harness.loglines import said
 from harness.tree import make_file, make_folder
 
@@ -106,6 +107,19 @@ def test_the_request_process_has_taken_on_the_users_identity(nobodys):
         assert identity_of(nobodys.process.pid)["Uid"] == ["0", "0", "0", "0"]
         assert raw.response().status == 200
     assert wait_until(lambda: nobodys.request_processes() == [])
+
+
+def test_the_session_user_can_do_nothing_to_the_processes_that_work_for_him(nobodys):
+    """They could become root again: whoever led them would, too. What the programs do is the user's own."""
+    slow_probe(nobodys, 3)
+    nobodys.start()
+    with ask_in_background(nobodys) as raw:
+        has_begun(nobodys)
+        process, = nobodys.request_processes()
+        assert can_do(nobodys.process.pid) == can_do(process) == set()
+        program = int((nobodys.notes / "begun").read_text())
+        assert can_do(program) >= {"signal", "descriptors", "maps", "environment"}
+        assert raw.response().status == 200
 
 
 def test_programs_have_the_users_identity_alone_and_inherit_nothing(nobodys):
