@@ -114,6 +114,7 @@ class Asks:
         self.numbered = {}  # the described entry of each numbered file
         self.shelf = Shelf()
         self.lost_deletes = 0
+        self.videos_passed_over = 0  # where the tool could not be run
         self.shapes = self.stable_shapes()
 
     # --- Listings of stable folders ---
@@ -159,6 +160,7 @@ class Asks:
                 due = self.due[shape]
                 if shape == "media" and self.chronicle.scarce(span, PROCESSES, TOOLS):
                     assert found["has_h265"] <= due["has_h265"]
+                    self.videos_passed_over += due["has_h265"] - found["has_h265"]
                     found, due = without_video_facts(found), without_video_facts(due)
                 same(found, due)
             else:

@@ -95,6 +95,7 @@ def trouble_rows(chronicle, killer, group, stranger_turns, changes, asks):
         ("times without enough processes", scarce[PROCESSES] if group is not None else "(no control group here)"),
         ("starts that this refused", group.refused() if group is not None else ""),
         ("times the user's process limit was reached", scarce[TOOLS]),
+        ("listings whose videos could not be looked at", asks.videos_passed_over),
         ("times without enough descriptors", scarce[DESCRIPTORS]),
         ("calls of a stranger, all refused", stranger_turns),
         ("changes of folders", changes),

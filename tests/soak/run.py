@@ -28,8 +28,8 @@ from harness.instance import TOP, fresh_instance, wait_until  # noqa: E402
 import figures  # noqa: E402
 import shares  # noqa: E402
 import troubles  # noqa: E402
-from asks import CONTENDED, EXACT, Asks  # noqa: E402
-from chronicle import Chronicle  # noqa: E402
+from asks import ALIAS, CONTENDED, EXACT, Asks, listing_body  # noqa: E402
+from chronicle import TOOLS, Chronicle  # noqa: E402
 from clients import LeavingClient, StayingClient, Tally, time_limit  # noqa: E402
 
 STRANGERS = "daemon"  # an account that the service does not admit
@@ -190,7 +190,9 @@ class Soak:
         """Returns what was done to the service, as rows of a table."""
         killer = troubles.Killer(self.seed, self.instance, self.chronicle, group, self.tally.requests)
         pause = min(6.0, self.arguments.seconds / 5)
-        shortages = troubles.Shortages(self.seed, self.instance, self.chronicle, group, pause)
+        videos = listing_body([(self.stable.media, ALIAS)])
+        shortages = troubles.Shortages(self.seed, self.instance, self.chronicle, group, self.arguments.user, videos,
+                                       pause)
         changers = [shares.Changer(folder) for folder in (*self.lively, self.tree)]
         with troubles.Stranger(self.instance, STRANGERS, time_limit(self.instance)) as stranger:
             until = time.monotonic() + self.arguments.seconds
@@ -201,6 +203,7 @@ class Soak:
             for thread in (killer, shortages, *changers):
                 thread.finish()
             stranger.check()
+        assert shortages.tools_missed > 0 or len(self.chronicle.shortages[TOOLS]) < 3, "no tool met the process limit"
         changes = sum(changer.folder.changes for changer in changers)
         return figures.trouble_rows(self.chronicle, killer, group, stranger.turns, changes, self.asks)
 

@@ -1,8 +1,10 @@
 """What is done to the service while it works: request processes are killed, processes and descriptors run short."""
 
 import contextlib
+import http.client
 import os
 import pathlib
+import pwd
 import random
 import resource
 import signal
@@ -133,9 +135,12 @@ class Killer(Troublemaker):
 class Shortages(Troublemaker):
     """Every few seconds something becomes scarce for less than one."""
 
-    def __init__(self, seed, instance, chronicle, group, pause):
+    def __init__(self, seed, instance, chronicle, group, user, videos, pause):
         super().__init__(seed, instance, chronicle)
         self.group = group
+        self.user = user  # whose the session is
+        self.videos = videos  # a request text; its listing tells of one video that it is of the sought kind
+        self.tools_missed = 0  # times that such a listing could not tell, since its tool was not run
         self.pause = pause  # seconds between two, at most
         self.kinds = [self.few_programs, self.few_descriptors] + ([self.few_processes] if group is not None else [])
         self.turns = 0
@@ -158,9 +163,24 @@ class Shortages(Troublemaker):
                 self.group.limit("max")
 
     def few_programs(self):
-        """The limit of the session's user: it strikes those who have that user as their real one, and root never."""
-        with self.chronicle.shortage(TOOLS), self.soft_limit(resource.RLIMIT_NPROC, 0):
+        """The limit of the session's user: it strikes those who have that user as their real one, and root never. It is
+        reached by a process that the user has already."""
+        with self.chronicle.shortage(TOOLS), self.process_of_user(), self.soft_limit(resource.RLIMIT_NPROC, 0):
+            # A listing that is killed, or meets what else goes on, shows nothing.
+            with contextlib.suppress(OSError, http.client.HTTPException):
+                reply = self.instance.exchange("POST", "/fetch.resource", self.videos)
+                self.tools_missed += reply.status == 200 and reply.json()["has_h265"] == 0
             self.hold()
+
+    @contextlib.contextmanager
+    def process_of_user(self):
+        account = pwd.getpwnam(self.user)
+        process = subprocess.Popen(["/bin/sleep", "60"], user=account.pw_uid, group=account.pw_gid, extra_groups=[], cwd="/")
+        try:
+            yield
+        finally:
+            process.kill()
+            process.wait(10)
 
     def few_descriptors(self):
         """Of the daemon. A request process has given up most of them and finds enough below the limit."""
