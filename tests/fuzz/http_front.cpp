@@ -275,8 +275,53 @@ std::optional<Expected> take_plain_request(std::string_view &text) {
   return request;
 }
 
-bool is_plain_target(std::string_view target) {
-  return target.find_first_of("%?#") == std::string_view::npos;
+struct Named {
+  std::string path;
+  std::vector<std::pair<std::string, std::string>> parameters;
+};
+
+// Without escapes; none where one is broken or stands for anything but a character of ASCII.
+std::optional<std::string> unescaped(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    char byte = text.front();
+    text.remove_prefix(1);
+    if (byte == '%') {
+      const auto code = number(text.substr(0, 2), 16, 2);
+      if (text.size() < 2 || !code || *code == 0 || *code > 0x7E) {
+        return std::nullopt;
+      }
+      byte = static_cast<char>(*code);
+      text.remove_prefix(2);
+    }
+    result += byte;
+  }
+  return result;
+}
+
+// What a target names, as far as there is no doubt about it.
+std::optional<Named> named_by(std::string_view target) {
+  if (target.find('#') != std::string_view::npos) {
+    return std::nullopt;
+  }
+  const auto path = unescaped(take_until(target, '?'));
+  if (!path) {
+    return std::nullopt;
+  }
+  Named named{*path, {}};
+  while (!target.empty()) {
+    std::string_view pair = take_until(target, '&');
+    if (pair.empty()) {
+      continue;
+    }
+    const auto name = unescaped(take_until(pair, '='));
+    const auto value = unescaped(pair);
+    if (!name || !value) {
+      return std::nullopt;
+    }
+    named.parameters.emplace_back(*name, *value);
+  }
+  return named;
 }
 
 // The handler has seen what the client has sent: no request more, none less, none taken apart at another place.
@@ -293,13 +338,15 @@ bool check_requests(std::string_view sent) {
   std::size_t number = 0;
   while (!sent.empty()) {
     const auto request = take_plain_request(sent);
-    if (!request || !is_plain_target(request->target)) {
+    const auto named = request ? named_by(request->target) : std::nullopt;
+    if (!named) {
       return false;
     }
     check(number < seen.size(), "a plain request reaches the handler", request->target);
     const Seen &each = seen[number++];
     check_equal(each.method, request->method, "with its method");
-    check_equal(each.path, request->target, "with its path");
+    check_equal(each.path, named->path, "with its path");
+    check(each.parameters == named->parameters, "with its parameters", request->target);
     check_equal(each.body, request->body, "with its body");
     if (!request->keeps_alive) {
       check_equal(seen.size(), number, "nothing is taken after the last request");
