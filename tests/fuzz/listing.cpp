@@ -43,6 +43,17 @@ constexpr std::array<std::string_view, 29> names{
 
 std::string tree;  // the folder that all of it lies in
 
+struct Made {
+  json_int_t size;
+  json_int_t time;
+};
+
+std::map<std::string, Made> files;  // by the name that is shown, which no other has
+
+std::string shown_name(std::string_view path) {
+  return well_formed_utf8(std::string(path.substr(path.rfind('/') + 1)));
+}
+
 std::string below_tree(std::string_view path) {
   return std::string(tree).append("/").append(path);
 }
@@ -59,9 +70,11 @@ void make_tree() {
       ::mkdir(path.c_str(), 0755);
     } else {
       const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-      check(file >= 0 && ::ftruncate(file, static_cast<off_t>(name.size() * name.size() * 50)) == 0,
-            "the tree can be made", path);
+      const auto size = static_cast<off_t>(name.size() * name.size() * 50);
+      check(file >= 0 && ::ftruncate(file, size) == 0, "the tree can be made", path);
       ::close(file);
+      check(files.emplace(shown_name(name), Made{size, time + 5'000'000}).second, "each file has a name of its own",
+            path);
     }
     time += 5'000'000;
     const std::array<timespec, 2> times{{{time, 0}, {time, 0}}};
@@ -183,6 +196,14 @@ void check_entry(const json_t *entry) {
   };
   check(std::ranges::any_of(names, is_it) || name == "link" || name == "dangling" || name == "loop",
         "what is listed is there", name);
+  const bool is_link = name == "link" || name == "dangling" || name == "loop";
+  const auto file = files.find(name);
+  check(is_link || (integer_in(entry, "isfolder") == 1) == (file == files.end()), "folders are folders", name);
+  if (file != files.end()) {
+    check_equal(integer_in(entry, "filesize"), file->second.size, "a file has its size");
+    check_equal(integer_in(entry, "epochmt"), file->second.time, "and its time");
+    check_equal(text_in(entry, "privilege"), std::string("644"), "and its mode");
+  }
   for (const char *flag : {"isfolder", "is_link", "play", "has_thumbnail", "trans", "is_h265"}) {
     check(integer_in(entry, flag) == 0 || integer_in(entry, flag) == 1, "a flag is 0 or 1", flag);
   }
