@@ -43,7 +43,9 @@ UNASKED = {
     "Is_MTP_Share": "whether a share is a phone's shows in no key of an entry",
     "Is_ODD_Share": "whether a share is a disc's shows in no key of an entry",
 }
-# How an operation fails, where there is more than one way or another than ENOMEM. 0 is no error: see platform.cpp.
+# How an operation fails under a request, where there is more than one way or another than ENOMEM. 0 is no error: see
+# platform.cpp. What the endpoint table refuses beside a row without memory is two rows of one name and a long usage text,
+# which the daemon's rows, all constant, are not.
 ERRORS = {
     "hx_io_write": (errno.ENOMEM, 0),
     "hx_call": (errno.ETIMEDOUT, errno.ENOENT, errno.ECONNREFUSED, errno.ECONNRESET, errno.EPROTO, errno.EMSGSIZE,
@@ -148,6 +150,12 @@ class Outcome:
         return f"\n  {self.reply}\n  {self.lines}\n  {self.followed}"
 
 
+def jobs_done(journal):
+    """How many jobs the pool's thread has taken and released. What it still released of one before does not count."""
+    calls = [call for process, call, _ in journal if process == "threads"]
+    return calls[calls.index("hx_io_size"):].count("hx_io_free") if "hx_io_size" in calls else 0
+
+
 def outcome(instance, name, jobs):
     """Asks, and waits until the jobs of the pool that the request makes are done; no fault is armed behind it. The
     operations that were asked for stand beside what came of it."""
@@ -157,7 +165,7 @@ def outcome(instance, name, jobs):
     with faults.recorded() as recorded:
         reply = instance.requests.ask(name)
         instance.requests.settle(faults)
-        assert wait_until(lambda: faults.counts("threads").get("hx_io_free", 0) >= jobs), f"{name}: a job does not end"
+        assert wait_until(lambda: jobs_done(faults.journal()) >= jobs), f"{name}: a job does not end"
         faults.disarm()
     instance.requests.quiet(faults)
     followed = {}

@@ -104,18 +104,23 @@ class Faults:
         numbers = struct.unpack_from(f"{len(self.calls)}I", self.page, COUNTS + 4 * len(self.calls) * PROCESSES.index(process))
         return {call: number for call, number in zip(self.calls, numbers) if number}
 
+    def journal(self):
+        """The calls recorded so far, as (process, call, path) in their order. One may just be written."""
+        used = COUNTS + 4 * len(self.calls) * len(PROCESSES)
+        length = self._get(used)
+        assert length <= JOURNAL_SIZE, "the journal was too small"
+        text = bytes(self.page[used + 4:used + 4 + length]).decode("utf-8", "replace")
+        return [tuple(line.split(" ", 2)) for line in text.splitlines() if "\0" not in line]
+
     @contextlib.contextmanager
     def recorded(self):
-        """The calls made within, as (process, call, path) in their order, once it is over."""
+        """The calls made within, once it is over."""
         found = []
         used = COUNTS + 4 * len(self.calls) * len(PROCESSES)
-        self._set(used, 0)
+        self.page[used:used + 4 + JOURNAL_SIZE] = bytes(4 + JOURNAL_SIZE)
         self._set(RECORDING, 1)
         try:
             yield found
         finally:
             self._set(RECORDING, 0)
-            length = self._get(used)
-            assert length <= JOURNAL_SIZE, "the journal was too small"
-            for line in bytes(self.page[used + 4:used + 4 + length]).decode("utf-8", "replace").splitlines():
-                found.append(tuple(line.split(" ", 2)))
+            found += self.journal()
