@@ -338,6 +338,12 @@ def test_a_read_only_volume(make_instance):
 # --- A full disk ---
 
 
+def let_go(instance):
+    """Returns when a removed file takes no room any more: nobody holds it, neither behind a reply nor for the watch."""
+    assert instance.call("watch", {"index": 3})["error_message"] == "invalid index"  # the last of the jobs
+    assert wait_until(lambda: instance.request_processes() == [])
+
+
 def test_a_full_disk(daemon, share, large):
     make_file(share / "a")
     with small_disk(daemon.volume, 128 << 10):  # takes the four pages of a listing of one entry, exactly
@@ -349,6 +355,7 @@ def test_a_full_disk(daemon, share, large):
         assert create(daemon, large) == FAILED
         assert told(daemon, since)[:2] == [("D", f"initial db {database(daemon)}"), ("E", "database or disk is full")]
         assert page(daemon, uuid) == INVALID
+        let_go(daemon)
         uuid = made(daemon, share)
         assert delete(daemon, uuid) == NOT_FOUND  # there is no room for a journal
         assert names(page(daemon, uuid)) == ["a"]
