@@ -19,6 +19,7 @@ import tempfile
 TOP = pathlib.Path(__file__).resolve().parents[2]
 BUILD = TOP / "build" / "coverage"
 SOURCES = TOP / "src"
+WORKERS = 4  # of the system tests
 
 
 def prepare_counters(folder):
@@ -27,8 +28,6 @@ def prepare_counters(folder):
     The counters go to a folder of their own: the tree may lie where only root reaches. A process can only add to a file
     that is there and open to all, whoever comes first.
     """
-    for old in BUILD.rglob("*.gcda"):
-        old.unlink()
     for notes in BUILD.rglob("*.gcno"):
         counters = folder / notes.with_suffix(".gcda").relative_to("/")
         counters.parent.mkdir(parents=True, exist_ok=True)
@@ -36,25 +35,40 @@ def prepare_counters(folder):
         counters.chmod(0o666)
 
 
-def collect_counters(folder):
-    """Brings the counters to the objects, where the report looks for them."""
-    for counters in folder.rglob("*.gcda"):
-        if counters.stat().st_size > 0:
-            shutil.copy(counters, "/" / counters.relative_to(folder))
+def collect_counters(folders, work):
+    """Brings the sums of the counters to the objects, where the report looks for them."""
+    for old in BUILD.rglob("*.gcda"):
+        old.unlink()
+    total, *others = folders
+    for folder in folders:
+        for counters in folder.rglob("*.gcda"):
+            if counters.stat().st_size == 0:
+                counters.unlink()
+    for number, folder in enumerate(others):
+        merged = work / f"sum{number}"
+        subprocess.run(["gcov-tool", "merge", "--output", str(merged), str(total), str(folder)], check=True)
+        total = merged
+    for counters in total.rglob("*.gcda"):
+        shutil.copy(counters, "/" / counters.relative_to(total))
 
 
 def run_tests(system_options):
     """Every test but those of the measurements, which are not built; False where one failed."""
     with tempfile.TemporaryDirectory(prefix="counters-") as name:
-        folder = pathlib.Path(name)
-        folder.chmod(0o755)
-        prepare_counters(folder)
-        environment = {**os.environ, "GCOV_PREFIX": str(folder), "DIRWELL_BUILD": str(BUILD),
-                       "PYTHONDONTWRITEBYTECODE": "1"}
-        unit = subprocess.run(["ctest", "--preset", "coverage"], cwd=TOP, env=environment, check=False)
-        system = subprocess.run(["/usr/bin/python3", "-m", "pytest", "-q", "-rs", "-p", "no:cacheprovider", "-n", "4", "--dist", "loadfile",
-                                 "--ignore", "tests/system/test_bench.py", *system_options, "tests/system"], cwd=TOP, env=environment, check=False)
-        collect_counters(folder)
+        work = pathlib.Path(name)
+        work.chmod(0o755)
+        folders = [work / part for part in ("unit", *(f"gw{number}" for number in range(WORKERS)))]
+        for folder in folders:
+            prepare_counters(folder)
+        environment = {**os.environ, "DIRWELL_BUILD": str(BUILD), "PYTHONDONTWRITEBYTECODE": "1"}
+        unit = subprocess.run(["ctest", "--preset", "coverage"], cwd=TOP,
+                              env={**environment, "GCOV_PREFIX": str(folders[0])}, check=False)
+        # The harness adds the worker.
+        system = subprocess.run(["/usr/bin/python3", "-m", "pytest", "-q", "-rs", "-p", "no:cacheprovider",
+                                 "-n", str(WORKERS), "--dist", "loadfile", "--ignore", "tests/system/test_bench.py",
+                                 *system_options, "tests/system"],
+                                cwd=TOP, env={**environment, "GCOV_PREFIX": str(work)}, check=False)
+        collect_counters(folders, work)
     return unit.returncode == 0 and system.returncode == 0
 
 

@@ -20,6 +20,9 @@ SANITIZER = re.compile(r"AddressSanitizer|LeakSanitizer|UndefinedBehaviorSanitiz
 PASSED_ON = {name: os.environ[name]
              for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "GCOV_PREFIX")
              if name in os.environ}
+if "GCOV_PREFIX" in PASSED_ON and "PYTEST_XDIST_WORKER" in os.environ:
+    # Processes wait for one another at a file of counters, so each worker's have their own.
+    PASSED_ON["GCOV_PREFIX"] += "/" + os.environ["PYTEST_XDIST_WORKER"]
 
 # Lets a crash be the system's own where a sanitizer would report and end it.
 PLAIN_CRASHES = {name: ":".join(filter(None, (os.environ.get(name), "handle_segv=0")))
