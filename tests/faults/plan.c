@@ -21,6 +21,7 @@ static const char *const process_names[process_count] = {"daemon", "threads", "b
 static struct fault_plan *plan;
 static enum fault_process own_process = process_daemon;
 static long own_pid;
+static bool leaving;
 static __thread uint8_t interrupted[call_count];
 
 /* Not the library's calls: they are wrapped, and one of them is counted. */
@@ -34,6 +35,10 @@ static long kernel(long number, long a, long b, long c, long d, long e, long f) 
                    : "a"(number), "D"(a), "S"(b), "d"(c), "r"(r10), "r"(r8), "r"(r9)
                    : "rcx", "r11", "memory");
   return result;
+}
+
+static bool left_alone(void) {
+  return plan == NULL || __atomic_load_n(&leaving, __ATOMIC_RELAXED);
 }
 
 void *fault_real(void **known, const char *name) {
@@ -80,7 +85,7 @@ static bool chosen(enum fault_process process, enum fault_call call) {
 }
 
 EXPORT bool fault_strikes(enum fault_call call, const char *path) {
-  if (plan == NULL) {
+  if (left_alone()) {
     return false;
   }
   const int before = errno;
@@ -96,7 +101,7 @@ bool fault_strikes_blocking(enum fault_call call, const char *path) {
   if (fault_strikes(call, path)) {
     return true;
   }
-  if (plan == NULL || plan->mode != mode_interrupt || caller() != (enum fault_process)plan->process) {
+  if (left_alone() || plan->mode != mode_interrupt || caller() != (enum fault_process)plan->process) {
     return false;
   }
   interrupted[call] = !interrupted[call];
@@ -109,7 +114,7 @@ bool fault_strikes_blocking(enum fault_call call, const char *path) {
 }
 
 bool fault_strikes_memory(void) {
-  if (plan == NULL) {
+  if (left_alone()) {
     return false;
   }
   const enum fault_process process = own_process == process_daemon ? caller() : own_process;
@@ -123,7 +128,7 @@ bool fault_strikes_memory(void) {
 }
 
 uint64_t fault_size(uint64_t size) {
-  if (plan == NULL || plan->mode != mode_piecemeal || size < 2 || caller() != (enum fault_process)plan->process) {
+  if (left_alone() || plan->mode != mode_piecemeal || size < 2 || caller() != (enum fault_process)plan->process) {
     return size;
   }
   __atomic_add_fetch(&plan->injected, 1, __ATOMIC_RELAXED);
@@ -144,10 +149,15 @@ static void in_child(void) {
   }
 }
 
-EXPORT __attribute__((noreturn)) void _exit(int status) {
-  if (plan != NULL && own_process == process_request) {
+EXPORT void fault_leave(void) {
+  if (!left_alone() && own_process == process_request) {
     __atomic_add_fetch(&plan->ended, 1, __ATOMIC_RELAXED);
   }
+  __atomic_store_n(&leaving, true, __ATOMIC_RELAXED);
+}
+
+EXPORT __attribute__((noreturn)) void _exit(int status) {
+  fault_leave();
   for (;;) {
     kernel(SYS_exit_group, status, 0, 0, 0, 0, 0);
   }

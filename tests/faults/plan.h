@@ -92,6 +92,9 @@ uint64_t fault_period(uint64_t seconds);
 /* How much of `size` a read or write may move now. */
 uint64_t fault_size(uint64_t size);
 
+/* The process ends: what it still does is not the daemon's, as where counters of lines are written. */
+void fault_leave(void);
+
 /* Looks the next library's function up at the first use. */
 void *fault_real(void **known, const char *name);
 
