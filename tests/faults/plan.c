@@ -150,7 +150,10 @@ static void in_child(void) {
 }
 
 EXPORT void fault_leave(void) {
-  if (!left_alone() && own_process == process_request) {
+  if (left_alone() || caller() == process_tool) {
+    return;
+  }
+  if (own_process == process_request) {
     __atomic_add_fetch(&plan->ended, 1, __ATOMIC_RELAXED);
   }
   __atomic_store_n(&leaving, true, __ATOMIC_RELAXED);
