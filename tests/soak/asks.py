@@ -226,7 +226,7 @@ class Asks:
         """Of a page of the numbered files."""
         def check(reply, _span):
             found = object_of(reply)
-            if contended and found == INVALID_UUID:
+            if contended and found in (INVALID_UUID, BUSY):  # before the page, or in the middle of its rows
                 return CONTENDED
             assert found["error_code"] == 0 and found["total"] == total, str(found)[:2000]
             assert isinstance(found["changed"], bool)
@@ -299,7 +299,7 @@ class Asks:
 
         def check(reply, _span):
             found = object_of(reply)
-            if found == INVALID_UUID:
+            if found in (INVALID_UUID, BUSY):
                 return CONTENDED
             assert found["error_code"] == 0 and len(found["datas"]) <= 50, str(found)[:2000]
             folder.check(names_of(found), listed, complete=False)
