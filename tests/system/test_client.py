@@ -278,8 +278,9 @@ def test_dev_run_tidies_up_when_it_is_interrupted(make_instance, number):
     for n in range(400):
         make_file(instance.share / f"{n}.mkv", b"no video")
     before = leftovers_of_dev()
-    process = subprocess.Popen([str(TOP / "dev"), "run", str(instance.share)], stdout=subprocess.DEVNULL,
-                               stderr=subprocess.DEVNULL, start_new_session=True)
+    # Tests that run in the background may ignore interrupts, and a shell that is started so cannot take them back.
+    process = subprocess.Popen(["env", "--default-signal=INT", str(TOP / "dev"), "run", str(instance.share)],
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
 
     def listening():
         return [s for folder in set(leftovers_of_dev()) - set(before) for s in folder.glob("var/run/dirwell-*.sock")]
