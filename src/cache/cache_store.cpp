@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 
 #include "cache/plain_files.h"
 #include "cache/schema.h"
@@ -24,6 +27,7 @@ constexpr const char *storage_options =
 // the next one, would have us write to whatever file of the user's it names.
 constexpr int open_existing = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW;
 constexpr int open_fresh = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW;
+constexpr int open_unlocked = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOFOLLOW;
 constexpr int busy_timeout_ms = 3000;
 
 // What reading a file of unknown origin may cost: no text of ours comes near the length, no listing near the rest.
@@ -39,6 +43,22 @@ std::string withoutLinks(const std::string &folder) {
   };
   const std::unique_ptr<char, Free> resolved(::realpath(folder.c_str(), nullptr));
   return resolved ? resolved.get() : folder;
+}
+
+// The name under which SQLite takes a file for one that nobody changes, and so locks nothing.
+std::string unchangingFile(const std::string &path) {
+  std::string name = "file:";
+  for (const char character : path) {
+    constexpr std::string_view special = "%?#";
+    if (special.find(character) != std::string_view::npos) {
+      std::array<char, 4> escaped{};
+      std::snprintf(escaped.data(), escaped.size(), "%%%02X", static_cast<unsigned char>(character));
+      name += escaped.data();
+    } else {
+      name += character;
+    }
+  }
+  return name + "?immutable=1";
 }
 
 int neverWait(void * /*store*/, int /*calls*/) {
@@ -94,18 +114,23 @@ void dediacritical(sqlite3_context *context, int count, sqlite3_value **values) 
 CacheStore::CacheStore(std::size_t cacheIndex, bool fresh) : index(cacheIndex) {
   transliterator.reset(
       icu::Transliterator::createInstance("NFD; [:M:] Remove; NFC; Any-Lower;", UTRANS_FORWARD, status));
-  open(fresh);
+  open(fresh ? Opening::fresh : Opening::existing);
 }
 
 CacheStore::CacheStore() {
-  open(true);
+  open(Opening::fresh);
+}
+
+CacheStore::CacheStore(std::size_t cacheIndex, Unlocked /*unlocked*/) : index(cacheIndex) {
+  open(Opening::unlocked);
 }
 
 CacheStore::~CacheStore() {
   sqlite3_close(db);
 }
 
-void CacheStore::open(bool fresh) {
+void CacheStore::open(Opening opening) {
+  const bool fresh = opening == Opening::fresh;
   std::string name = ":memory:";
   if (index != 0) {
     const std::string volume = defaultVolume();
@@ -121,8 +146,13 @@ void CacheStore::open(bool fresh) {
     }
     name = withoutLinks(folder) + file;
   }
+  int flags = fresh ? open_fresh : open_existing;
+  if (opening == Opening::unlocked) {
+    name = unchangingFile(name);
+    flags = open_unlocked;
+  }
   open_plain_files_only();
-  if (sqlite3_open_v2(name.c_str(), &db, fresh ? open_fresh : open_existing, nullptr) != SQLITE_OK) {
+  if (sqlite3_open_v2(name.c_str(), &db, flags, nullptr) != SQLITE_OK) {
     // SQLite hands out a handle that can only tell the error; every use of it would be a misuse.
     sqlite3_close(db);
     db = nullptr;

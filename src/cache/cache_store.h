@@ -34,6 +34,10 @@ class CacheStore {
   CacheStore(std::size_t index, bool fresh);
   // The in-memory form: fresh, without transliterator.
   CacheStore();
+  // A look at the existing store of cache `index` that is in no request's way: nothing can be written, and no lock is
+  // taken. What a request writes meanwhile may be seen in part.
+  struct Unlocked {};
+  CacheStore(std::size_t index, Unlocked unlocked);
   ~CacheStore();
   CacheStore(const CacheStore &) = delete;
   CacheStore &operator=(const CacheStore &) = delete;
@@ -89,7 +93,8 @@ class CacheStore {
   [[nodiscard]] sqlite3 *connection() const { return db; }
 
  private:
-  void open(bool fresh);
+  enum class Opening : std::uint8_t { fresh, existing, unlocked };
+  void open(Opening opening);
   void execute(const char *sql);
   [[nodiscard]] const char *lastError() const;
 

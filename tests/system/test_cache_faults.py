@@ -534,6 +534,34 @@ def test_a_delete_while_a_fetch_of_the_same_index_runs(daemon, share):
     assert delete(daemon, uuid) == NOTHING
 
 
+def test_reading_the_folders_for_the_watch_is_in_no_requests_way(daemon, share):
+    """Each "watch" has the daemon read the file while requests write to it."""
+    for number in range(200):
+        make_file(make_folder(share / f"{number:03d}") / "a")
+    listing = daemon.names(share, recursive=True, limit=2000)
+    over = threading.Event()
+    watched_times = 0
+
+    def watch():
+        nonlocal watched_times
+        while not over.is_set():
+            assert daemon.call("watch", {"index": 1}) == NOTHING
+            watched_times += 1
+
+    watching = threading.Thread(target=watch)
+    watching.start()
+    try:
+        for _ in range(100):
+            uuid = made(daemon, share, recursive=True)
+            assert names(page(daemon, uuid, limit=2000)) == listing
+            assert delete(daemon, uuid) == NOTHING
+            assert page(daemon, uuid) == INVALID
+    finally:
+        over.set()
+        watching.join(30)
+    assert watched_times >= 100
+
+
 def test_two_creates_of_one_index_at_once(daemon, share):
     folders = []
     for letter, count in (("a", 300), ("b", 200)):

@@ -175,7 +175,8 @@ void check_against_queries(Plain &plain, CacheStore &store, const std::string &u
   check((page != nullptr) == (number(folders) > 0), "a listing is there or not", uuid);
   check(store.hasUuid(uuid) == (number(folders) > 0), "and the store says so");
   check_equal(store.countEntries(uuid), number(total), "a listing has as many entries as are joined to it");
-  const std::vector<std::string> followed = store.cachedPaths();
+  CacheStore look(1, CacheStore::Unlocked{});
+  const std::vector<std::string> followed = look.cachedPaths();
   check_equal(followed.size(), paths->size(), "every folder is followed");
   for (std::size_t index = 0; index < followed.size(); ++index) {
     check_equal(followed[index], (*paths)[index][0], "every folder is followed");
@@ -225,8 +226,13 @@ void check_store(const std::string &uuid, std::int64_t offset, std::int64_t limi
   machine() = {};
   Plain plain;
   const bool sound = plain.is_sound();
+  {
+    CacheStore look(1, CacheStore::Unlocked{});
+    look.begin();
+    look.holdsOwnTable();
+    look.cachedPaths();
+  }
   CacheStore store(1, false);
-  store.holdsOwnTable();
   ErrorRecord record;
   const auto keeper = std::make_shared<Keeper>();
   const JsonRef page = store.fetch(uuid, offset, limit, keeper, record);

@@ -245,6 +245,65 @@ TEST_F(Store, FindsALockedFileBusyAtOnce) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
+TEST_F(Store, IsInNobodysWayWithoutALock) {
+  CacheStore writer(1, true);
+  writer.resetSchema();
+  rows(writer.connection(), "INSERT INTO cache VALUES ('a', '/x', ''), ('a', '/y', '')");
+  CacheStore look(1, CacheStore::Unlocked{});
+  look.begin();
+  ASSERT_TRUE(look.holdsOwnTable());
+  EXPECT_THAT(rows(writer.connection(), "BEGIN EXCLUSIVE; DELETE FROM cache WHERE path = '/y'"), IsEmpty());
+  EXPECT_THAT(look.cachedPaths(), ElementsAre("/x", "/y"));
+  EXPECT_THAT(CacheStore(1, CacheStore::Unlocked{}).cachedPaths(), ElementsAre("/x", "/y"));
+  EXPECT_THAT(rows(writer.connection(), "COMMIT"), IsEmpty());
+  EXPECT_THAT(CacheStore(1, CacheStore::Unlocked{}).cachedPaths(), ElementsAre("/x"));
+}
+
+TEST_F(Store, CannotBeWrittenWithoutALock) {
+  OtherConnection(file(1)).run("CREATE TABLE cache (uuid, path, alias); INSERT INTO cache VALUES ('a', '/x', '')");
+  CacheStore look(1, CacheStore::Unlocked{});
+  EXPECT_THAT(rows(look.connection(), "DELETE FROM cache"), ElementsAre("error: attempt to write a readonly database"));
+  EXPECT_THAT(look.cachedPaths(), ElementsAre("/x"));
+  EXPECT_THAT(rows(look.connection(), "PRAGMA trusted_schema"), ElementsAre("0"));
+}
+
+// A journal is what a request writes just then, or what somebody planted.
+TEST_F(Store, LeavesAJournalAloneWithoutALock) {
+  CacheStore(1, true).resetSchema();
+  std::ofstream(file(1) + "-journal") << "of another request";
+  EXPECT_TRUE(CacheStore(1, CacheStore::Unlocked{}).holdsOwnTable());
+  EXPECT_TRUE(exists(file(1) + "-journal"));
+}
+
+TEST_F(Store, FindsNothingWithoutALockWhereNothingIs) {
+  {
+    CacheStore look(1, CacheStore::Unlocked{});
+    EXPECT_EQ(look.connection(), nullptr);
+    EXPECT_FALSE(look.holdsOwnTable());
+    EXPECT_THAT(look.cachedPaths(), IsEmpty());
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(folder()));
+  ASSERT_EQ(::mkfifo(file(1).c_str(), 0666), 0);
+  EXPECT_EQ(CacheStore(1, CacheStore::Unlocked{}).connection(), nullptr);
+  std::filesystem::remove(file(1));
+  OtherConnection(file(2)).run("CREATE TABLE cache (uuid, path, alias)");
+  std::filesystem::create_symlink(file(2), file(1));
+  EXPECT_EQ(CacheStore(1, CacheStore::Unlocked{}).connection(), nullptr);
+  configureNothing();
+  EXPECT_EQ(logged([] { EXPECT_EQ(CacheStore(1, CacheStore::Unlocked{}).connection(), nullptr); }),
+            "STAMP [W] dirwell(PID): [cache] no default volume\n");
+}
+
+TEST_F(Store, FindsItsFileWithoutALockWhateverTheVolumeIsCalled) {
+  const std::string odd = volume() + "/a%41?immutable=0#b \xc3\xa9&c";
+  std::filesystem::create_directories(odd + "/.fs");
+  configure("[SHARE_DEF]\ndefVolMP = " + odd + "\n");
+  CacheStore writer(1, true);
+  writer.resetSchema();
+  rows(writer.connection(), "INSERT INTO cache VALUES ('a', '/x', '')");
+  EXPECT_THAT(CacheStore(1, CacheStore::Unlocked{}).cachedPaths(), ElementsAre("/x"));
+}
+
 TEST_F(Store, NotesAFailedCommitAboveLevelSix) {
   CacheStore store(1, true);
   store.resetSchema();
