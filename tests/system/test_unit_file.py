@@ -7,7 +7,6 @@ import re
 import shutil
 import socket
 import subprocess
-import textwrap
 
 import pytest
 
@@ -18,6 +17,7 @@ from harness.tree import make_file, make_folder
 
 UNIT = TOP / "packaging/dirwell@.service"
 CONFINE = TOP / "tests/system/harness/confine.py"
+ATTEMPTS = TOP / "tests/system/harness/attempts.py"
 NOBODY = 65534
 MB = 1_000_000
 
@@ -177,57 +177,6 @@ def test_a_session_of_roots_keeps_its_rights():
         assert names(page(instance, made(instance, instance.share))) == ["closed", "none"]
 
 
-ATTEMPTS = """
-    import ctypes, errno, mmap, os, socket, sys
-    libc = ctypes.CDLL(None, use_errno=True)
-
-    def refused(result, number):
-        assert result < 0 and ctypes.get_errno() == number, (result, ctypes.get_errno())
-
-    def fails(number, attempt, *arguments):
-        try:
-            attempt(*arguments)
-        except OSError as error:
-            assert error.errno == number, error
-        else:
-            raise AssertionError((attempt, arguments))
-
-    refused(libc.mount(b"none", b"/mnt", b"tmpfs", 0, None), errno.EPERM)
-    refused(libc.unshare(0x10000000), errno.EPERM)
-    refused(libc.ptrace(0, 0, 0, 0), errno.EPERM)
-    refused(libc.personality(8), errno.EPERM)
-    refused(libc.reboot(0), errno.EPERM)
-    refused(libc.syscall(425, 1, 0), errno.EPERM)  # io_uring_setup
-    refused(libc.syscall(321, 0, 0, 0), errno.EPERM)  # bpf
-    refused(libc.syscall(311, os.getppid(), 0, 0, 0, 0, 0), errno.EPERM)  # process_vm_writev
-    refused(libc.shmget(0, 4096, 0o1600), errno.EPERM)
-    fails(errno.EPERM, os.memfd_create, "program")
-    os.close(os.pipe()[0])
-    fails(errno.EAFNOSUPPORT, socket.socket, socket.AF_INET, socket.SOCK_STREAM)
-    fails(errno.EAFNOSUPPORT, socket.socket, socket.AF_NETLINK, socket.SOCK_RAW)
-    socket.socket(socket.AF_UNIX, socket.SOCK_STREAM).close()
-    fails(errno.EPERM, mmap.mmap, -1, 4096, mmap.MAP_PRIVATE, mmap.PROT_READ | mmap.PROT_WRITE | mmap.PROT_EXEC)
-    fails(errno.EPERM, os.mknod, sys.argv[1] + "/device", 0o020666, os.makedev(1, 1))
-    fails(errno.EPERM, os.chmod, sys.argv[1] + "/file", 0o4755)
-    fails(errno.EPERM, os.chown, sys.argv[1] + "/file", 1, 1)
-    fails(errno.EROFS, open, "/etc/dirwell-test", "w")
-    fails(errno.EROFS, open, "/usr/dirwell-test", "w")
-    fails(errno.EROFS, open, "/proc/sys/kernel/hostname", "w")
-    run = sys.argv[1] + "/var/run"
-    for folder in ("systemd", "udev", "dirwell"):
-        fails(errno.EROFS, open, f"{run}/{folder}/written", "w")
-    fails(errno.ECONNREFUSED, socket.socket(socket.AF_UNIX).connect, run + "/systemd/private")
-    fails(errno.ENOENT, socket.socket(socket.AF_UNIX).connect, run + "/dbus/system_bus_socket")
-    socket.socket(socket.AF_UNIX).connect(run + "/accounts")
-    assert sorted(os.listdir("/dev")) == ["full", "null", "random", "tty", "urandom", "zero"]
-    open(sys.argv[1] + "/written", "w").close()
-    assert os.stat(sys.argv[1] + "/written").st_mode & 0o777 == 0o600
-    os.setresuid(1, 1, 0)
-    fails(errno.EACCES, os.execv, sys.argv[2], [sys.argv[2]])
-    print("all refused")
-"""
-
-
 def test_the_restrictions_hold(tmp_path):
     """What a daemon that had been taken over would try."""
     (tmp_path / "file").touch()
@@ -243,9 +192,9 @@ def test_the_restrictions_hold(tmp_path):
 
 
 def attempt_all(tmp_path, shared):
-    done = subprocess.run(["/usr/bin/python3", "-B", str(CONFINE), str(UNIT), "python3", "/usr/bin/python3", "-c",
-                           textwrap.dedent(ATTEMPTS), str(tmp_path), str(shared)], stdout=subprocess.PIPE,
-                          stderr=subprocess.PIPE, text=True, timeout=60, check=False,
+    done = subprocess.run(["/usr/bin/python3", "-B", str(CONFINE), str(UNIT), "python3", "/usr/bin/python3",
+                           str(ATTEMPTS), str(tmp_path), str(tmp_path / "var/run"), str(shared)],
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=60, check=False,
                           env={"PATH": "/usr/bin", "DIRWELL_ROOT": str(tmp_path)})
     assert (done.returncode, done.stdout) == (0, "all refused\n"), done.stderr
 

@@ -84,8 +84,9 @@ def take_files(settings, program):
     mount(None, "/", None, MS_REC | MS_SLAVE)
     root = os.environ.get("DIRWELL_ROOT")
     written = [root if path == "/run" and root else path for path in paths_of(settings, "ReadWritePaths")]
-    executed = [*paths_of(settings, "ExecPaths"), str(pathlib.Path(program).parent), *([root] if root else [])]
-    assert settings["ProtectSystem"] == ["strict"] and settings["NoExecPaths"] == ["/"]
+    executed = [*paths_of(settings, "BindReadOnlyPaths"), str(pathlib.Path(program).parent), *([root] if root else [])]
+    assert settings["ProtectSystem"] == ["strict"]
+    assert {path.lstrip("-") for path in settings["NoExecPaths"][0].split()} >= {"/", *paths_of(settings, "ReadWritePaths")}
     kept = ("/proc", "/sys", "/dev")
     for point in sorted(set(mount_points())):
         if not point.startswith(kept) and os.path.isdir(point):
@@ -218,7 +219,7 @@ def call_filter(settings):
 def main():
     unit, name, program, *arguments = sys.argv[1:]
     settings = read_unit(unit)
-    handled = {"ProtectSystem", "ReadWritePaths", "ReadOnlyPaths", "InaccessiblePaths", "NoExecPaths", "ExecPaths",
+    handled = {"ProtectSystem", "ReadWritePaths", "ReadOnlyPaths", "InaccessiblePaths", "NoExecPaths", "BindReadOnlyPaths",
                "PrivateDevices", "ProtectProc", "ProtectKernelTunables", "PrivateNetwork", "UMask",
                "CapabilityBoundingSet", "NoNewPrivileges", "SystemCallFilter", "SystemCallErrorNumber",
                "RestrictAddressFamilies", "RestrictNamespaces", "RestrictSUIDSGID", "LockPersonality",

@@ -1,0 +1,267 @@
+"""The unit file under a systemd that is in charge, as it is shipped: what it starts, bounds, ends and starts again."""
+
+import contextlib
+import os
+import re
+import threading
+import time
+
+import pytest
+
+from harness.instance import TOP, wait_until
+from harness.machine import Machine, Service, in_the_way
+
+REASON = in_the_way()
+pytestmark = pytest.mark.skipif(bool(REASON), reason=f"no machine for systemd: {REASON}")
+
+# Says "hevc" to all, but later or with something left behind where the file's name tells so.
+TOOL = """#!/bin/sh
+case "$*" in
+  *slow*) sleep 2 ;;
+  *stray*)
+    setsid sleep 1000 <&- >&- 2>&- &
+    sleep 0.3 ;;  # the group of processes ends with its first
+esac
+echo ' Stream #0:0: Video: hevc (Main)' >&2
+"""
+ATTEMPTS = """\
+Type=oneshot
+Restart=no
+ExecStart=
+ExecStart=/usr/bin/python3 /usr/lib/dirwell/attempts.py /share/tried /run /share/tried/program
+"""
+MB = 1 << 20
+MANY = 100_000
+
+
+@pytest.fixture(scope="module")
+def machine():
+    made = Machine()
+    try:
+        for name in ("a.txt", "b.txt"):
+            made.lay(f"share/Public/{name}", name)
+        made.lay("share/slow/slow.mkv", "")
+        made.lay("share/stray/stray.mkv", "")
+        made.lay("etc/samba/smb.conf", "[Public]\npath = /share/Public\n")
+        made.lay("etc/config/def_share.info", "[SHARE_DEF]\ndefVolMP = /share/volume\n")
+        made.lay("usr/bin/ffmpeg", TOOL, 0o755)
+        made.lay("usr/lib/dirwell/attempts.py", (TOP / "tests/system/harness/attempts.py").read_bytes(), 0o755)
+        made.drop_in("program", ATTEMPTS, session="attempts")
+        made.drop_in("volume", "ReadWritePaths=/volume1\nNoExecPaths=/volume1\n", session="volume")
+        (made.files / "share/volume").mkdir()
+        yield made.start()
+    finally:
+        made.finish()
+
+
+@pytest.fixture
+def service(machine):
+    """A service that runs, for a session of nobody's."""
+    with Service(machine) as made:
+        yield made.start()
+
+
+def names(reply):
+    assert (reply["error_code"], reply["error_message"]) == (0, ""), reply
+    return [entry["filename"] for entry in reply["datas"]]
+
+
+def cached(service, folder):
+    """A page of a new cache of the folder; None where none can be made."""
+    body = b'{"path":[{"full_path":"%s","alias":"/Share"}]}' % folder.encode()
+    made = service.exchange("POST", "/create.cache", body).json()
+    if "uuid" not in made:
+        return None
+    return service.exchange("POST", "/fetch.cache", b'{"uuid":"%s"}' % made["uuid"].encode()).json()
+
+
+def asked_at_once(service, folder, count, timeout=60):
+    """The answers to so many listings of a folder; None where the connection broke off."""
+    answers = [None] * count
+
+    def ask(number):
+        with contextlib.suppress(OSError, EOFError):
+            answers[number] = service.ask(folder, timeout)
+
+    threads = [threading.Thread(target=ask, args=(number,)) for number in range(count)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join(timeout)
+    return answers
+
+
+# --- What is started ---
+
+
+def test_a_session_is_served(service):
+    assert service.state() == "active running success"
+    assert service.fetch("/share/Public")["total"] == 2
+    assert names(cached(service, "/share/Public")) == ["a.txt", "b.txt"]
+    database = service.machine.path(f"/share/volume/.fs/{service.sid}.1")
+    assert os.stat(database).st_mode & 0o777 == 0o600
+    assert f"[dirwell-{service.sid}] startup service" in service.journal()
+
+
+def test_the_daemon_has_what_the_unit_gives_and_no_more(service):
+    status = dict(line.split(":\t", 1) for line in service.proc("status").splitlines() if ":\t" in line)
+    assert [status[key] for key in ("CapPrm", "CapEff", "CapBnd", "CapInh", "CapAmb")] == [
+        "00000000000000ea", "00000000000000ea", "00000000000000ea", "0000000000000000", "0000000000000000"]
+    assert (status["NoNewPrivs"], status["Seccomp"], status["Umask"]) == ("1", "2", "0077")
+    limits = service.proc("limits")
+    assert re.search(r"^Max open files +8192 +8192 ", limits, re.MULTILINE)
+    assert re.search(r"^Max core file size +0 +0 ", limits, re.MULTILINE)
+    # A network of its own, with nothing in it.
+    assert re.findall(r"^ *(\w+):", service.proc("net/dev"), re.MULTILINE) == ["lo"]
+
+
+def test_the_limits_of_the_unit_are_those_of_its_control_group(service):
+    assert service.limit("TasksMax") == 3072
+    assert service.limit("MemoryMax") == 18 << 30
+
+
+def test_sessions_are_served_side_by_side(machine, service):
+    with Service(machine, user="root") as other:
+        other.start()
+        assert other.main_pid() != service.main_pid()
+        assert names(other.fetch("/share/Public")) == names(service.fetch("/share/Public")) == ["a.txt", "b.txt"]
+    assert other.state() == "inactive dead success"
+    assert service.state() == "active running success"
+
+
+def test_nothing_is_started_without_a_session(machine):
+    machine.control("start", "dirwell@nobody-came.service")
+    shown = machine.control("show", "dirwell@nobody-came.service", "--property=ConditionResult,ActiveState,NRestarts")
+    assert sorted(shown.stdout.split()) == ["ActiveState=inactive", "ConditionResult=no", "NRestarts=0"]
+
+
+# --- What is restricted ---
+
+
+def test_a_volume_beside_the_shares_is_allowed_by_a_drop_in(machine):
+    """The settings that the unit names for it."""
+    volume = machine.path("/volume1")
+    volume.mkdir()
+    configured = machine.path("/etc/config/def_share.info")
+    usual = configured.read_text()
+    configured.write_text("[SHARE_DEF]\ndefVolMP = /volume1\n")
+    with Service(machine) as usual_one, Service(machine, sid="volume") as allowed:
+        assert cached(usual_one.start(), "/share/Public") is None
+        assert names(cached(allowed.start(), "/share/Public")) == ["a.txt", "b.txt"]
+        assert [path.name for path in (volume / ".fs").iterdir()] == ["volume.1"]
+        mount, = (line for line in allowed.proc("mounts").splitlines() if line.split()[1] == "/volume1")
+        assert {"rw", "noexec"} <= set(mount.split()[3].split(","))
+    configured.write_text(usual)
+
+
+def test_nothing_that_can_be_written_can_be_run(service):
+    """Of all that the daemon sees. What a later mount covers does not count."""
+    mounts = {}
+    for line in service.proc("mounts").splitlines():
+        _, point, kind, options, *_ = line.split()
+        mounts[point] = (kind, set(options.split(",")))
+    written = {point for point, (kind, options) in mounts.items() if "rw" in options and kind not in ("proc", "devpts")}
+    assert written <= {"/run", "/run/lock", "/share", "/tmp", "/var/tmp", "/dev/shm"}, mounts
+    assert {"/run", "/share"} <= written
+    for point in written:
+        assert "noexec" in mounts[point][1], (point, mounts)
+    for point in ("/", "/run/systemd", "/run/dirwell"):
+        assert {"ro", "noexec"} <= mounts[point][1], mounts
+    assert "ro" in mounts["/usr"][1] and "noexec" not in mounts["/usr"][1]
+
+
+def test_the_restrictions_hold(machine):
+    """What a daemon that had been taken over would try, in the daemon's place."""
+    prepared = machine.run("sh", "-ec", """
+        mkdir -p /share/tried /run/udev /run/dbus
+        touch /share/tried/file
+        cp /usr/bin/true /share/tried/program
+    """)
+    assert prepared.returncode == 0, prepared.stdout
+    attempts = Service(machine, sid="attempts")
+    with machine.listener("/run/accounts"), machine.listener("/run/dbus/system_bus_socket"):
+        done = machine.control("start", attempts.unit)
+    assert done.returncode == 0 and "all refused" in attempts.journal(), attempts.journal()
+
+
+# --- What is bounded ---
+
+
+def test_requests_that_find_no_more_tasks_fail_and_no_others(service):
+    """Each of the requests that are served takes five tasks for two seconds."""
+    pid = service.main_pid()
+    service.set(TasksMax=service.tasks() + 20)
+    answers = asked_at_once(service, "/share/slow", 30)
+    statuses = [answer.status if answer else None for answer in answers]
+    assert statuses.count(200) >= 1 and statuses.count(502) >= 5, statuses
+    assert statuses.count(200) + statuses.count(502) + statuses.count(None) == 30, statuses
+    assert service.refused_tasks() > 0
+    for answer in answers:
+        if answer is not None and answer.status == 200:
+            assert names(answer.json()) == ["slow.mkv"]
+    assert wait_until(lambda: service.processes() == [pid], 20), service.processes()
+    assert names(service.fetch("/share/Public")) == ["a.txt", "b.txt"]
+    assert service.main_pid() == pid
+
+
+def test_a_listing_that_takes_too_much_memory_costs_its_client_a_502(machine, service):
+    pid = service.main_pid()
+    many = machine.path("/share/many")
+    if not many.exists():
+        many.mkdir()
+        for number in range(MANY):
+            os.close(os.open(many / f"{number:06d}-{'x' * 60}", os.O_CREAT | os.O_WRONLY, 0o644))
+    assert service.fetch("/share/many", limit=50)["total"] == 50  # it ends where the page does
+    before = service.used_memory()
+    service.set(MemoryMax=before + 24 * MB)
+    answer = service.ask("/share/many")
+    assert answer.status == 502, answer
+    assert service.killed_for_memory() > 0
+    assert names(service.fetch("/share/Public")) == ["a.txt", "b.txt"]
+    assert (service.main_pid(), service.state()) == (pid, "active running success")
+    service.set(MemoryMax="infinity")
+    assert service.fetch("/share/many")["total"] == MANY
+
+
+# --- What ends, and what is started again ---
+
+
+def test_a_stop_waits_for_the_replies(service):
+    answers = []
+    asking = threading.Thread(target=lambda: answers.append(service.ask("/share/slow")))
+    asking.start()
+    assert wait_until(lambda: len(service.processes()) > 1)
+    start = time.monotonic()
+    assert service.machine.control("stop", service.unit).returncode == 0
+    asking.join(20)
+    assert names(answers[0].json()) == ["slow.mkv"]
+    assert 1 < time.monotonic() - start < 6
+    assert service.state() == "inactive dead success"
+    assert not service.socket.exists()
+
+
+def test_what_a_tool_leaves_behind_dies_with_the_service(service):
+    assert names(service.fetch("/share/stray")) == ["stray.mkv"]
+    pid = service.main_pid()
+    assert wait_until(lambda: len(service.processes()) == 2)
+    stray, = set(service.processes()) - {pid}
+    assert service.proc("cmdline", stray) == "sleep\0001000\0"
+    assert service.machine.control("stop", service.unit).returncode == 0
+    assert not service.machine.path(f"/proc/{stray}").exists()
+
+
+def test_a_crash_is_followed_by_another_start(service):
+    first = service.main_pid()
+    service.machine.run("kill", "-KILL", str(first))
+    assert wait_until(lambda: service.main_pid() not in (0, first) and service.answers(), 20), service.journal()
+    assert names(service.fetch("/share/Public")) == ["a.txt", "b.txt"]
+    assert service.show("NRestarts") == {"NRestarts": "1"}
+
+
+def test_an_end_of_its_own_is_not(service):
+    """As after the session's end."""
+    service.machine.run("kill", "-TERM", str(service.main_pid()))
+    assert wait_until(lambda: service.state() == "inactive dead success"), service.state()
+    time.sleep(2)  # a start again would come after one
+    assert service.state() == "inactive dead success"
+    assert service.show("NRestarts") == {"NRestarts": "0"}
