@@ -11,7 +11,9 @@ import tempfile
 
 import pytest
 
+from harness.caches import caching_instance
 from harness.instance import Instance, binary_folder, fresh_instance
+from harness.tree import make_file
 
 
 def pytest_configure(config):
@@ -48,6 +50,14 @@ def daemon():
     """A running instance for a session of root's that the tests of a module share."""
     with fresh_instance() as made:
         yield made.start()
+
+
+@pytest.fixture(scope="module")
+def nobodys():
+    """A running instance with a volume whose session is nobody's, so that the daemon's rights and the user's differ."""
+    with caching_instance("nobody") as instance:
+        make_file(instance.share / "a")
+        yield instance
 
 
 @pytest.fixture

@@ -23,14 +23,6 @@ def daemon():
         yield instance
 
 
-@pytest.fixture(scope="module")
-def nobodys():
-    """An instance whose session is nobody's, so that the daemon's rights and the user's differ."""
-    with caching_instance("nobody") as instance:
-        make_file(instance.share / "a")
-        yield instance
-
-
 def becomes_stale(instance, uuid, **keys):
     return wait_until(lambda: changed(instance, uuid, **keys), 5)
 

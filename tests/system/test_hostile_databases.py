@@ -25,14 +25,6 @@ def daemon():
         yield instance
 
 
-@pytest.fixture(scope="module")
-def nobodys():
-    """An instance whose session is nobody's, so that the daemon's rights and the user's differ."""
-    with caching_instance("nobody") as instance:
-        make_file(instance.share / "a")
-        yield instance
-
-
 def status_of(pid):
     """Fields of a process's status, or nothing when it has gone."""
     try:

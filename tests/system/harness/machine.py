@@ -79,7 +79,9 @@ class Machine:
 
     def start(self):
         with open(self.folder / "log", "wb") as log:
-            self.process = subprocess.Popen([str(TOP / "tests/system/harness/boot.sh"), str(self.folder), self.group],
+            # If the tests are killed, the machine goes with them.
+            self.process = subprocess.Popen(["setpriv", "--pdeathsig=KILL", str(TOP / "tests/system/harness/boot.sh"),
+                                             str(self.folder), self.group],
                                             stdin=subprocess.DEVNULL, stdout=log, stderr=log, cwd="/",
                                             start_new_session=True)
 
