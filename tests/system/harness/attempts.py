@@ -2,10 +2,10 @@
 """What a daemon that had been taken over would try, under the restrictions of its unit. Ends with 0 if all is refused
 that is to be refused, and nothing else.
 
-    attempts.py FOLDER RUN PROGRAM
+    attempts.py FOLDER RUN PROGRAM...
 
 FOLDER can be written to, and holds "file". RUN stands for /run, with systemd/private, dbus/system_bus_socket and a
-listening "accounts" in it. PROGRAM lies where files of users do.
+listening "accounts" in it. The programs lie where files of users do.
 """
 
 import ctypes
@@ -18,7 +18,8 @@ import sys
 LIBC = ctypes.CDLL(None, use_errno=True)
 DEVICES = {"full", "null", "random", "tty", "urandom", "zero"}
 # What systemd adds to the devices: folders, links, and those of its own for terminals.
-ADDED = {"char", "console", "core", "fd", "hugepages", "log", "mqueue", "ptmx", "pts", "shm", "stderr", "stdin", "stdout"}
+ADDED = {"char", "console", "core", "fd", "hugepages", "log", "mqueue", "ptmx", "pts", "shm", "stderr", "stdin",
+         "stdout"}
 
 
 def refused(result, number):
@@ -61,7 +62,7 @@ def touch_files(folder, run):
     fails(errno.EROFS, open, "/proc/sys/kernel/hostname", "w")
     for name in ("systemd", "udev", "dirwell"):
         fails(errno.EROFS, open, f"{run}/{name}/written", "w")
-    fails(errno.ECONNREFUSED, socket.socket(socket.AF_UNIX).connect, run + "/systemd/private")
+    fails(errno.ENOENT, socket.socket(socket.AF_UNIX).connect, run + "/systemd/private")
     fails(errno.ENOENT, socket.socket(socket.AF_UNIX).connect, run + "/dbus/system_bus_socket")
     socket.socket(socket.AF_UNIX).connect(run + "/accounts")
     assert DEVICES <= set(os.listdir("/dev")) <= DEVICES | ADDED, os.listdir("/dev")
@@ -69,12 +70,27 @@ def touch_files(folder, run):
     assert os.stat(folder + "/written").st_mode & 0o777 == 0o600
 
 
+def runs(program):
+    """As the session's user would."""
+    child = os.fork()
+    if child == 0:
+        try:
+            os.setresuid(1, 1, 1)
+            os.execv(program, [program])
+        except OSError as error:
+            os._exit(error.errno)
+    status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+    assert status in (0, errno.EACCES), (program, status)
+    return status == 0
+
+
 def main():
-    folder, run, program = sys.argv[1:]
+    folder, run, *programs = sys.argv[1:]
     ask_kernel()
     touch_files(folder, run)
-    os.setresuid(1, 1, 0)
-    fails(errno.EACCES, os.execv, program, [program])
+    assert runs("/usr/bin/true")
+    for program in programs:
+        assert not runs(program), program
     print("all refused")
 
 

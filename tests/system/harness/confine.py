@@ -32,7 +32,7 @@ DEVICES = {"null": (1, 3), "zero": (1, 5), "full": (1, 7), "random": (1, 8), "ur
 # Settings that only a service manager or its control group gives, those that others imply, and those that grant what
 # not every machine where tests run has to give.
 ELSEWHERE = {"Type", "ExecStart", "Restart", "RestartSec", "KillMode", "TimeoutStopSec", "OOMPolicy", "TasksMax",
-             "MemoryMax", "User", "Group", "AmbientCapabilities", "KeyringMode", "PrivateTmp", "DevicePolicy",
+             "MemoryMax", "MemorySwapMax", "User", "Group", "AmbientCapabilities", "KeyringMode", "PrivateTmp", "DevicePolicy",
              "ProtectControlGroups", "IPAddressDeny", "ProtectHostname", "ProtectClock", "ProtectKernelLogs",
              "ProtectKernelModules", "PrivateMounts", "ProtectHome", "ProcSubset", "SystemCallArchitectures",
              "RestrictRealtime", "LimitRTPRIO"}
@@ -84,9 +84,8 @@ def take_files(settings, program):
     mount(None, "/", None, MS_REC | MS_SLAVE)
     root = os.environ.get("DIRWELL_ROOT")
     written = [root if path == "/run" and root else path for path in paths_of(settings, "ReadWritePaths")]
-    executed = [*paths_of(settings, "BindReadOnlyPaths"), str(pathlib.Path(program).parent), *([root] if root else [])]
+    executed = [*paths_of(settings, "ExecPaths"), str(pathlib.Path(program).parent), *([root] if root else [])]
     assert settings["ProtectSystem"] == ["strict"]
-    assert {path.lstrip("-") for path in settings["NoExecPaths"][0].split()} >= {"/", *paths_of(settings, "ReadWritePaths")}
     kept = ("/proc", "/sys", "/dev")
     for point in sorted(set(mount_points())):
         if not point.startswith(kept) and os.path.isdir(point):
@@ -98,6 +97,8 @@ def take_files(settings, program):
             own(path, MS_NOEXEC)
     for path in paths_in_run(settings, "ReadOnlyPaths", root):
         own(path, MS_RDONLY | MS_NOEXEC)
+    for path in paths_in_run(settings, "TemporaryFileSystem", root):
+        mount("tmpfs", path, "tmpfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC)
     for path in paths_in_run(settings, "InaccessiblePaths", root):
         if os.path.isdir(path):
             mount("tmpfs", path, "tmpfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=000")
@@ -112,9 +113,9 @@ def paths_of(settings, key):
 
 def paths_in_run(settings, key, root):
     """Those of the setting that are there, in what stands for /run."""
-    paths = [path for value in settings[key] for path in value.split()]
-    assert all(path.startswith("-/run/") for path in paths), paths
-    return [path for path in (f"{root}/var{each[1:]}" for each in paths) if root and os.path.lexists(path)]
+    paths = [path.lstrip("-").partition(":")[0] for value in settings[key] for path in value.split()]
+    assert all(path.startswith("/run/") for path in paths), paths
+    return [path for path in (f"{root}/var{each}" for each in paths) if root and os.path.lexists(path)]
 
 
 def take_devices():
@@ -219,7 +220,8 @@ def call_filter(settings):
 def main():
     unit, name, program, *arguments = sys.argv[1:]
     settings = read_unit(unit)
-    handled = {"ProtectSystem", "ReadWritePaths", "ReadOnlyPaths", "InaccessiblePaths", "NoExecPaths", "BindReadOnlyPaths",
+    handled = {"ProtectSystem", "ReadWritePaths", "ReadOnlyPaths", "InaccessiblePaths", "TemporaryFileSystem",
+               "NoExecPaths", "ExecPaths", "BindReadOnlyPaths",
                "PrivateDevices", "ProtectProc", "ProtectKernelTunables", "PrivateNetwork", "UMask",
                "CapabilityBoundingSet", "NoNewPrivileges", "SystemCallFilter", "SystemCallErrorNumber",
                "RestrictAddressFamilies", "RestrictNamespaces", "RestrictSUIDSGID", "LockPersonality",

@@ -1,7 +1,8 @@
-"""A machine of which systemd is in charge: for tests of the unit file as it is shipped, with the program where it belongs.
+"""A machine of which systemd is in charge: for tests of the unit file as it is shipped, with the program where it is to
+be.
 
-Its processes, mounts and control groups are its own, its files are this machine's under a layer that goes with it, and
-its network is this machine's.
+Its processes, mounts, network and control groups are its own, its files are this machine's under a layer that goes
+with it. The groups lie at the top, beside the caller's, since only there they can be given limits everywhere.
 """
 
 import contextlib
@@ -25,17 +26,30 @@ TARGETS = ("machine.target", "sysinit.target", "basic.target", "shutdown.target"
 JOURNAL = ("systemd-journald.service", "systemd-journald.socket", "systemd-journald-dev-log.socket")
 
 
+TRIAL = """
+    mount -t tmpfs tmpfs /tmp
+    mkdir /tmp/upper /tmp/work /tmp/root
+    mount -t overlay -o lowerdir=/usr,upperdir=/tmp/upper,workdir=/tmp/work overlay /tmp/root
+"""
+
+
 def in_the_way():
     """Why no such machine can be had here; empty where it can."""
     if not pathlib.Path("/lib/systemd/systemd").exists():
         return "there is no systemd"
-    if not any(line.split()[-1] == "overlay" for line in pathlib.Path("/proc/filesystems").read_text().splitlines()):
-        return "the kernel has no overlay of files"
-    if not UNIFIED and not all((GROUPS / name / "cgroup.procs").exists() for name in ("systemd", "pids", "memory")):
-        return "there are no control groups for systemd"
-    done = subprocess.run(["unshare", "--mount", "--pid", "--fork", "--ipc", "--uts", "--cgroup", "mount", "-t", "tmpfs",
-                           "tmpfs", "/tmp"], capture_output=True, text=True, check=False)
-    return done.stderr.strip()
+    needed = [GROUPS] if UNIFIED else [GROUPS / name for name in ("systemd", "pids", "memory")]
+    trial = f"dirwell-{uuid.uuid4().hex[:12]}"
+    for hierarchy in needed:
+        try:
+            (hierarchy / trial).mkdir()
+            (hierarchy / trial).rmdir()
+        except OSError as error:
+            return f"no control groups can be made: {error}"
+    if UNIFIED and not {"memory", "pids"} <= set((GROUPS / "cgroup.subtree_control").read_text().split()):
+        return "the control groups do not share out memory and tasks"
+    done = subprocess.run(["unshare", "--mount", "--pid", "--fork", "--ipc", "--uts", "--net", "--cgroup", "sh", "-ec",
+                           TRIAL], capture_output=True, text=True, check=False)
+    return done.stderr.strip() or "no layer can be laid over files" if done.returncode != 0 else ""
 
 
 class Machine:
@@ -48,8 +62,8 @@ class Machine:
         self.units = self.folder / "units"
         self.pid = None
         self.process = None
-        self.files.mkdir()
-        self.units.mkdir()
+        self.folder_of(self.files)
+        self.folder_of(self.units)
         for name in ("dirwell", "dirwellctl"):
             self.lay(f"usr/bin/{name}", (binary_folder() / name).read_bytes(), 0o755)
         for name in TARGETS:
@@ -60,16 +74,25 @@ class Machine:
             target.write(f"Requires={JOURNAL[0]}\nAfter={JOURNAL[0]}\n")
         shutil.copy(UNIT, self.units)
         # Settings of sanitizers; the search for leaks looks into the process as a debugger does, which the unit forbids.
-        options = {"ASAN_OPTIONS": "", **{name: value for name, value in PASSED_ON.items() if name.endswith("_OPTIONS")}}
+        options = {"ASAN_OPTIONS": ""}
+        options.update({name: value for name, value in PASSED_ON.items() if name.endswith("_OPTIONS")})
         options["ASAN_OPTIONS"] = ":".join(filter(None, (options["ASAN_OPTIONS"], "detect_leaks=0")))
-        self.drop_in("options", "".join(f'Environment="{name}={value}"\n' for name, value in options.items()))
+        self.drop_in("options", "".join('Environment="{}={}"\n'.format(name, value.replace("%", "%%"))
+                                        for name, value in options.items()))
 
     def lay(self, path, content, mode=0o644):
         """A file of the machine's, before it starts."""
         file = self.files / path
-        file.parent.mkdir(parents=True, exist_ok=True)
+        self.folder_of(file.parent)
         file.write_bytes(content if isinstance(content, bytes) else content.encode())
         file.chmod(mode)
+
+    def folder_of(self, path):
+        """Makes a folder with those above it, all of them open to be read whatever the mode mask."""
+        if not path.exists():
+            self.folder_of(path.parent)
+            path.mkdir()
+            path.chmod(0o755)
 
     def drop_in(self, name, text, session=""):
         """More settings for the service, of all sessions or of one, before the machine starts."""
@@ -102,7 +125,7 @@ class Machine:
         try:
             if self.process is not None:
                 self.process.kill()  # and systemd with it, and all other processes of the machine with that
-                self.process.wait(10)
+                self.process.wait()
             groups = [path for path in (GROUPS / self.group, *GROUPS.glob(f"*/{self.group}")) if path.exists()]
             assert wait_until(lambda: all(removed(group) for group in groups)), groups
         finally:
@@ -191,6 +214,12 @@ class Service:
         """A file of the machine's /proc for a process, the daemon where nothing is said."""
         return self.machine.path(f"/proc/{pid or self.main_pid()}/{name}").read_text()
 
+    def is_run_by(self, pid, name):
+        """Whether the process, which may have ended, is one of that program."""
+        with contextlib.suppress(OSError):
+            return self.proc("comm", pid) == f"{name}\n"
+        return False
+
     # --- Its control group ---
 
     def group(self, controller, name):
@@ -226,6 +255,7 @@ class Service:
         return sorted(int(line) for line in self.group("systemd", "cgroup.procs").splitlines())
 
     def journal(self):
+        self.machine.run("journalctl", "--sync")
         return self.machine.run("journalctl", "--no-pager", "--output=cat", f"--unit={self.unit}").stdout
 
     # --- Requests ---
