@@ -34,8 +34,8 @@ class CacheStore {
   CacheStore(std::size_t index, bool fresh);
   // The in-memory form: fresh, without transliterator.
   CacheStore();
-  // A look at the existing store of cache `index` that is in no request's way: nothing can be written, and no lock is
-  // taken. What a request writes meanwhile may be seen in part.
+  // A look at the existing store of cache `index` that is in no request's way: no statement can write, and no lock is
+  // taken. What a request writes meanwhile may be seen in part, and a journal is not looked at.
   struct Unlocked {};
   CacheStore(std::size_t index, Unlocked unlocked);
   ~CacheStore();

@@ -20,7 +20,7 @@ bool hand_out_folders(std::size_t index, const TextOutput &output) {
   // The next request may be writing the next listing already, and would fail at a lock. What is read of it then does
   // not matter: it is read again for the request's own sake.
   CacheStore store(index, CacheStore::Unlocked{});
-  store.begin();  // so that the table that is looked at is the one that is read
+  store.begin();  // keeps what has been read of the file, so that the table that is looked at is the one that is read
   if (!store.holdsOwnTable()) {
     return true;
   }

@@ -94,6 +94,20 @@ def test_a_stop_is_waited_for_longer_than_the_service_waits():
     assert setting("KillMode") == "mixed"
 
 
+def test_every_folder_with_a_setting_of_its_own_is_one_where_nothing_is_run():
+    """What holds for the root folder does not reach them. Two are for systemd's own programs, or hold but sockets."""
+    settings = confine.read_unit(UNIT)
+
+    def paths(*keys):
+        return {path.lstrip("-").partition(":")[0] for key in keys for value in settings[key] for path in value.split()}
+
+    of_their_own = paths("ReadWritePaths", "ReadOnlyPaths", "TemporaryFileSystem") | {"/tmp", "/var/tmp", "/run/user"}
+    assert of_their_own - paths("NoExecPaths") == {"/run/systemd"}
+    assert paths("BindReadOnlyPaths") - {"/run/systemd/userdb"} == paths("ExecPaths") == {"/usr", "/bin", "/lib", "/lib64"}
+    assert paths("NoExecPaths") == {"/", "/run", "/run/udev", "/run/dirwell", "/run/user", "/share", "/tmp", "/var/tmp",
+                                    "/dev/shm", "/dev/hugepages"}
+
+
 # --- The daemon under the unit's restrictions ---
 
 

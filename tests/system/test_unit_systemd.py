@@ -172,6 +172,16 @@ def test_a_volume_beside_the_shares_is_allowed_by_a_drop_in(machine):
         assert {"rw", "noexec"} <= mounted(allowed, "/volume1"), allowed.proc("mounts")
 
 
+def test_a_volume_that_is_mounted_later_is_listed(machine, service):
+    """It comes as it is mounted: the unit's settings reach what is there at the start."""
+    mounted_later = machine.run("sh", "-ec", "mkdir /share/late && mount -t tmpfs -o mode=755 tmpfs /share/late && "
+                                             "touch /share/late/a")
+    assert mounted_later.returncode == 0, mounted_later.stdout
+    assert names(service.fetch("/share/late")) == ["a"]
+    assert machine.run("umount", "/share/late").returncode == 0
+    assert names(service.fetch("/share/late")) == []
+
+
 def test_shares_below_tmp_are_allowed_by_a_drop_in(machine):
     made = machine.run("sh", "-ec", "mkdir /tmp/share && touch /tmp/share/a && chmod 755 /tmp/share")
     assert made.returncode == 0, made.stdout

@@ -94,6 +94,7 @@ cp -a "$folder/units/." "$root/run/units/"
 cd "$root"
 pivot_root . run/before
 umount -l run/before
+mount --make-rshared / # as systemd does where it finds no container
 echo "$process" >&3
 exec 3>&-
 exec env -i container=machine PATH=/usr/sbin:/usr/bin:/sbin:/bin SYSTEMD_UNIT_PATH=/run/units \
