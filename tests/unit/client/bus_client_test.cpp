@@ -106,6 +106,12 @@ TEST_F(BusClient, GivesUpOnASilentService) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
+TEST_F(BusClient, GivesUpOnAServiceThatDoesNotReadTheRequest) {
+  patience = 200;
+  const FakeService service(socket, "", FakeService::Reads::nothing);
+  EXPECT_EQ(failure(std::string(5'000'000, 'x')), "no answer from " + socket + " within 1 s");
+}
+
 TEST_F(BusClient, SaysThatAnAnswerIsCutShort) {
   const FakeService service(socket, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{");
   EXPECT_THAT(failure(), testing::StartsWith("no whole answer from " + socket + ": "));

@@ -1,4 +1,8 @@
 #include <filesystem>
+#include <fstream>
+#include <ostream>
+#include <sstream>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -194,6 +198,38 @@ TEST_F(CommandLine, BeginsListsAndEndsSessions) {
   outcome = run({"session", "end", made});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.err, "dirwellctl: there is no session " + made + "\n");
+}
+
+TEST_F(CommandLine, ShowsWhenASessionIsOverAndATimeBeyondTheCalendar) {
+  const ScopedEnvironment zone("TZ", "UTC0");
+  ASSERT_EQ(run({"session", "create", "--sid", "first"}).status, 0);
+  std::ofstream(session_file("at")) << "user = root\nexpires = 4102444800\n";
+  std::ofstream(session_file("beyond")) << "user = root\nexpires = 9223372036854775807\n";
+  std::ofstream(session_file("over")) << "user = root\nexpires = 1600000000\n";
+  std::ofstream(session_file("unread")) << "user = root\nexpires = soon\n";
+  const Outcome outcome = run({"session", "list"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out,
+            "SID    USER EXPIRES             INSTANCE\n"
+            "at     root 2100-01-01 00:00:00 -\n"
+            "beyond root 9223372036854775807 -\n"
+            "first  root never               -\n"
+            "over   root expired             -\n"
+            "unread root expired             -\n");
+}
+
+// A stream that takes nothing and says so by an exception.
+class Unwritable : private std::streambuf, public std::ostream {
+ public:
+  Unwritable() : std::ostream(this) { exceptions(std::ios_base::badbit); }
+};
+
+TEST_F(CommandLine, EndsWithOneWhenTheMachineFailsIt) {
+  Unwritable out;
+  std::ostringstream err;
+  EXPECT_EQ(dirwell::client::run({"session", "create", "--sid", "unsaid"}, out, err), 1);
+  EXPECT_THAT(err.str(), testing::MatchesRegex("dirwellctl: [^\n]+\n"));
+  EXPECT_TRUE(std::filesystem::exists(session_file("unsaid")));
 }
 
 TEST_F(CommandLine, ListsNoSessionsWhereThereAreNone) {

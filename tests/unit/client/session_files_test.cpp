@@ -1,8 +1,10 @@
 #include "client/session_files.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -88,6 +90,51 @@ TEST_F(SessionFiles, NeedAnAccount) {
 TEST_F(SessionFiles, SayWhyTheyCannotBeMade) {
   const std::string plain = folder.write("plain");
   EXPECT_EQ(refusal([&plain] { begin_session(plain, {"abc", "root", {}}); }), plain + "/var: Not a directory");
+}
+
+// Nothing of a session that cannot be written whole is left, and no session that is there is lost by it.
+TEST_F(SessionFiles, SayWhyTheyCannotBeWritten) {
+  begin_session(root, {"abc", "daemon", {}});
+  ASSERT_EQ(::mkdir(file("kept").c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
+  EXPECT_EQ(dirwell::test::in_child([this] {
+              std::signal(SIGXFSZ, SIG_IGN);
+              rlimit limit{};
+              ::getrlimit(RLIMIT_FSIZE, &limit);
+              const rlimit nothing = {0, limit.rlim_max};
+              ::setrlimit(RLIMIT_FSIZE, &nothing);
+              const std::string said = refusal([this] { begin_session(root, {"full", "root", {}}); });
+              ::setrlimit(RLIMIT_FSIZE, &limit);
+              const bool draft_named = said.starts_with(sessions + "/.draft.") && said.ends_with(": File too large");
+              ::_exit(draft_named ? 0 : 1);
+            }),
+            0);
+  EXPECT_EQ(dirwell::test::in_child([this] {
+              if (::seteuid(1) != 0) {
+                ::_exit(2);
+              }
+              const std::string begun = refusal([this] { begin_session(root, {"mine", "root", {}}); });
+              const std::string ended = refusal([this] { end_session(root, "abc"); });
+              const bool both =
+                  begun == sessions + ": Permission denied" && ended == file("abc") + ": Permission denied";
+              ::_exit(::seteuid(0) == 0 && both ? 0 : 1);
+            }),
+            0);
+  EXPECT_EQ(refusal([this] { end_session(root, "kept"); }), file("kept") + ": Is a directory");
+  const std::string unnameable(300, 'x');
+  EXPECT_EQ(refusal([&] { begin_session(root, {unnameable, "root", {}}); }), file(unnameable) + ": File name too long");
+  EXPECT_EQ(content(file("abc")), "user = daemon\n");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(sessions), std::filesystem::directory_iterator()), 2);
+}
+
+TEST_F(SessionFiles, SayWhyTheyCannotBeListed) {
+  folder.mkdir("root");
+  folder.mkdir("root/var");
+  folder.mkdir("root/var/run");
+  folder.mkdir("root/var/run/dirwell");
+  folder.write("root/var/run/dirwell/sessions");
+  EXPECT_EQ(refusal([this] { list_sessions(folder.at("root")); }),
+            folder.at("root/var/run/dirwell/sessions") + ": Not a directory");
 }
 
 TEST_F(SessionFiles, EndASession) {
