@@ -90,6 +90,28 @@ TEST(PidFile, ThatCannotBeOpenedEndsTheProcess) {
   std::filesystem::remove(path_of("dirwell-pid5"));
 }
 
+// A daemon that ends before it has the file, or after it gave it up, leaves another's alone.
+TEST(PidFile, OfAnotherInstanceIsNotRemoved) {
+  EXPECT_EQ(in_child([] {
+              const std::string path = test::write_below_root("var/run/dirwell-pid7.pid", "4711");
+              remove_pid_file();
+              if (content(path) != "4711") {
+                ::_exit(1);
+              }
+              create_pid_file("dirwell-pid7");
+              remove_pid_file();
+              if (std::filesystem::exists(path)) {
+                ::_exit(2);
+              }
+              test::write_below_root("var/run/dirwell-pid7.pid", "4712");
+              remove_pid_file();
+              const bool left = content(path) == "4712";
+              ::unlink(path.c_str());
+              ::_exit(left ? 0 : 3);
+            }),
+            0);
+}
+
 TEST(PidFile, IsNotLockedByPrograms) {
   EXPECT_EQ(in_child([] {
               create_pid_file("dirwell-pid6");

@@ -231,6 +231,14 @@ TEST_F(WatcherTest, StopsAtOnceAndStartsAnew) {
   EXPECT_TRUE(changed());
 }
 
+TEST_F(WatcherTest, StartsOnce) {
+  watch({folder_.path()});
+  ASSERT_TRUE(watcher_.start());
+  EXPECT_EQ(times_.lastChange, 0);
+  folder_.write("file");
+  EXPECT_TRUE(changed()) << "the watches of before hold";
+}
+
 // A cache of the session whose folders the daemon is asked to watch.
 class ReloadTest : public ::testing::Test {
  protected:

@@ -71,6 +71,16 @@ TEST(LogLine, IsStampTagProcessAndMessage) {
               MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}-0000"));
 }
 
+// The "C" locale, which the daemon stays in, has no bytes for the letter.
+TEST(LogLine, IsWithoutAMessageThatCannotBeMade) {
+  const std::string lines = captured_stderr([] {
+    log_error("[cache] %ls", L"\u0416");
+    log_error("[cache] next");
+  });
+  EXPECT_THAT(lines, MatchesRegex("[^\n]+ \\[E\\] dirwell\\([0-9]+\\): \n"
+                                  "[^\n]+ \\[E\\] dirwell\\([0-9]+\\): \\[cache\\] next\n"));
+}
+
 TEST(LogLine, ShowsSourceAndLineAtDebugAndTheFunctionAtTrace) {
   const ScopedLevel level(8);
   const std::string text = captured_stderr([] {

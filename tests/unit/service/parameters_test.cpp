@@ -204,6 +204,15 @@ TEST(ReadIndex, AcceptsOneAndTwo) {
 
 constexpr const char *good_uuid = R"("uuid":"01234567-89ab-cdef-0123-456789abcdef")";
 
+TEST(ReadUuid, ReadsNothingAfterAnError) {
+  ErrorRecord record;
+  set_error(record, 2, "invalid limit");
+  std::string uuid = "of before";
+  read_uuid(uuid, parse(std::string("{") + good_uuid + "}").get(), record);
+  EXPECT_EQ(uuid, "");
+  EXPECT_STREQ(record.message, "invalid limit");
+}
+
 TEST(CombinedReaders, ReportTheFirstBadParameter) {
   ErrorRecord record;
   CachePage page;

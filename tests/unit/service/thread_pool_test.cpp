@@ -2,14 +2,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
 #include <thread>
 
 #include "service/json.h"
+#include "support/environment.h"
 
 namespace dirwell {
 namespace {
@@ -195,6 +200,60 @@ TEST_F(ThreadPoolTest, PreparesAJobOnTheThreadThatRunsIt) {
     pool.stop();
   }
   EXPECT_EQ(seen, std::vector<json_int_t>{50}) << "the first could not be prepared, and did not run";
+}
+
+// An account of nobody's, which may have only so many threads. Back to root's at the end of the scope.
+class FewThreads {
+ public:
+  explicit FewThreads(rlim_t most) {
+    ::getrlimit(RLIMIT_NPROC, &before_);
+    const rlimit limit{most, before_.rlim_max};
+    if (::setrlimit(RLIMIT_NPROC, &limit) != 0 || ::setresuid(47110, 47110, 0) != 0) {
+      ::_exit(2);
+    }
+  }
+  ~FewThreads() {
+    if (::setresuid(0, 0, 0) != 0 || ::setrlimit(RLIMIT_NPROC, &before_) != 0) {
+      ::_exit(2);
+    }
+  }
+  FewThreads(const FewThreads &) = delete;
+  FewThreads &operator=(const FewThreads &) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+// Fewer threads than asked for still do all jobs; without any there is no pool.
+TEST_F(ThreadPoolTest, MakesDoWithTheThreadsThatTheMachineHas) {
+  EXPECT_EQ(test::in_child([] {
+              const FewThreads few(4);
+              ThreadPool pool(20);
+              const auto threads = std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+              if (threads < 2 || threads > 4) {
+                ::_exit(3);
+              }
+              for (int n = 0; n < 8; ++n) {
+                pool.submit(record_handler, nullptr, hx_io_create(), numbered(n), -1);
+              }
+              while (running < 8) {
+                std::this_thread::sleep_for(1ms);
+              }
+              pool.stop();
+            }),
+            0);
+  EXPECT_EQ(test::in_child([] {
+              const FewThreads few(1);
+              try {
+                const ThreadPool pool(2);
+              } catch (const std::system_error &error) {
+                if (error.code() == std::errc::resource_unavailable_try_again) {
+                  return;
+                }
+              }
+              ::_exit(1);
+            }),
+            0);
 }
 
 TEST_F(ThreadPoolTest, StopEndsEveryThread) {
