@@ -1,11 +1,15 @@
 """dirwellctl and ./dev as their users see them."""
 
+import contextlib
+import fcntl
 import json
 import os
 import pwd
 import re
 import signal
+import struct
 import subprocess
+import termios
 import time
 
 import pytest
@@ -198,6 +202,55 @@ def test_an_ordinary_user_lists_with_its_own_instance(make_instance):
     # Anyone else is not admitted.
     status, output, errors = control(instance, "list", str(instance.share), user="nobody", DIRWELL_SID=instance.sid)
     assert (status, output) == (2, "") and errors != ""
+
+
+# --- Where the output goes ---
+
+
+def on_terminal(instance, columns, *arguments):
+    """Runs dirwellctl with a terminal of that width for its output; returns the lines that it shows."""
+    ours, theirs = os.openpty()
+    fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
+    with open(ours, "rb", buffering=0) as screen:
+        process = subprocess.Popen([str(instance.client), *arguments], stdin=subprocess.DEVNULL, stdout=theirs, cwd="/",
+                                   env={"PATH": "/usr/bin:/bin", "DIRWELL_ROOT": str(instance.root), "LC_ALL": "C.UTF-8",
+                                        "TZ": "UTC0", **PASSED_ON})
+        os.close(theirs)
+        shown = b""
+        with contextlib.suppress(OSError):  # the last writer has gone
+            while piece := screen.read(4096):
+                shown += piece
+        assert process.wait(60) == 0
+    return shown.decode().splitlines()
+
+
+@pytest.fixture
+def long_named(listed):
+    make_file(listed.share / ("long name " * 20 + "end"), 5)
+    return listed
+
+
+@pytest.mark.parametrize("columns, name", [(60, "long na"), (100, "long name long name long name long name long na"),
+                                           (0, "long name long name long na")])
+def test_a_table_is_as_wide_as_the_terminal(long_named, columns, name):
+    """Names give way, and nothing else does. A terminal that does not know its width is taken for one of 80 columns."""
+    assert on_terminal(long_named, columns, "list", str(long_named.share), "--name", "long*") == [
+        "NAME".ljust(len(name)) + " SIZE TYPE OWNER GROUP MODE MODIFIED            MARKS",
+        name + "    5 file root  root   644 2020-09-13 12:26:40",
+        "1 of 1 entries"]
+
+
+def test_a_table_that_no_terminal_shows_is_whole(long_named):
+    _, output, _ = control(long_named, "list", str(long_named.share), "--name", "long*")
+    assert output.splitlines()[1].startswith("long name " * 20 + "end ")
+
+
+def test_output_that_cannot_be_written_is_a_failure(listed):
+    for arguments in (["list", str(listed.share)], ["list", str(listed.share), "--json"], ["session", "list"], ["--help"]):
+        with open("/dev/full", "wb") as full:
+            result = subprocess.run([str(listed.client), *arguments], stdout=full, stderr=subprocess.PIPE, timeout=60,
+                                    cwd="/", env={"DIRWELL_ROOT": str(listed.root), **PASSED_ON})
+        assert (result.returncode, result.stderr) == (2, b"dirwellctl: standard output cannot be written\n"), arguments
 
 
 # --- ./dev ---
