@@ -50,7 +50,8 @@ enum fault_mode {
   mode_none,
   mode_fail,      /* the chosen occurrences of one call fail with `error` */
   mode_interrupt, /* every call that may be interrupted is, once, before it really runs */
-  mode_piecemeal  /* reads and writes move one byte */
+  mode_piecemeal, /* reads and writes move one byte */
+  mode_signal     /* the process gets the signal `error` just before the chosen occurrences, which succeed */
 };
 
 enum { fault_magic = 0x44574654, names_size = 2048, journal_size = 1 << 18 };
@@ -68,7 +69,7 @@ struct fault_plan {
   uint32_t process;
   uint32_t first; /* the first occurrence that fails, from 1 on */
   uint32_t times; /* how many in a row fail; 0 for all from there on */
-  uint32_t error; /* errno; 0 for a switch of identity that reports success and does nothing, and see platform.cpp */
+  uint32_t error; /* errno, or a signal; 0 for a switch of identity that reports success and does nothing, and see platform.cpp */
   uint32_t recording;
   uint32_t hastened; /* milliseconds: no timer of the daemon ticks more slowly; 0 leaves them alone */
 

@@ -3,14 +3,17 @@ cannot be looked up, and starts that go wrong at any step."""
 
 import errno
 import os
+import signal
 import threading
 import time
 
 import pytest
 
+from harness.caches import caching_instance, changed, followed, give_volume, next_second, wait_watched, watched
 from harness.fault_requests import Requests, differences, furnish
 from harness.faults import Faults
 from harness.instance import fresh_instance, wait_until
+from harness.tree import make_file, make_folder
 
 ALL = os.environ.get("DIRWELL_FAULTS") == "all"
 NAMES = ["list", "fetch.resource", "create.cache", "fetch.cache", "delete.cache", "watch"]
@@ -156,7 +159,130 @@ def test_an_interrupted_timer_still_looks_at_the_session(make_instance):
     assert instance.wait_end() == 0
 
 
-# --- The start ---
+# --- The watch of folders ---
+
+
+@pytest.fixture(scope="module")
+def watching():
+    with caching_instance("nobody") as instance:
+        make_file(instance.share / "a")
+        instance.stop()
+        instance.process = None
+        instance.faults = Faults(instance)
+        instance.start()
+        instance.faults.begin()
+        yield instance
+        instance.faults.disarm()
+
+
+# What keeps the reader of a cache's folders from coming about, from becoming the user, or from handing on what it read.
+UNREAD = [("threads", "pipe", errno.EMFILE), ("threads", "fork", errno.EAGAIN), ("between", "setgroups", errno.EPERM),
+          ("between", "prctl", errno.EPERM), ("between", "write", errno.EPIPE)]
+
+
+@pytest.mark.parametrize("process, call, error", UNREAD)
+def test_folders_that_cannot_be_read_are_not_watched(watching, process, call, error):
+    """Whoever asks again once there is no hindrance has them watched."""
+    uuid = followed(watching, watching.share)
+    watching.faults.arm(process, call, times=0, error=error)
+    assert watching.call("watch", {"index": 1}) == {"error_code": 0, "error_message": ""}
+    assert wait_until(lambda: watching.faults.injected >= 1 and watched(watching, 1) == [])
+    assert changed(watching, uuid) is False
+    watching.faults.disarm()
+    assert watching.call("watch", {"index": 1}) == {"error_code": 0, "error_message": ""}
+    wait_watched(watching, 1, watching.share)
+    assert wait_until(lambda: watching.daemon_children() == [])
+
+
+@pytest.mark.parametrize("process, call, error", UNREAD)
+def test_a_long_request_that_cannot_be_read_has_no_reply(watching, process, call, error):
+    body = b'{"index":2,"padding":"' + 10000 * b"x" + b'"}'
+    watching.faults.arm(process, call, times=0, error=error)
+    assert watching.exchange("POST", "/watch", body).status == 502
+    assert watching.faults.injected >= 1
+    watching.faults.disarm()
+    assert watching.call("watch", body) == {"error_code": 0, "error_message": ""}
+    assert wait_until(lambda: watching.daemon_children() == [])
+
+
+def test_many_folders_of_which_the_first_ones_cannot_be_handed_on(watching):
+    """Their names are more than the reader writes at once: it gives up at its first writing."""
+    top = make_folder(watching.root / "many")
+    folders = [make_folder(top / f"{number:03d}".ljust(240, "x")) for number in range(300)]
+    for folder in folders:
+        make_file(folder / "a")
+    uuid = followed(watching, top, watching=[top, *folders], recursive=True)
+    watching.faults.arm("between", "write", error=errno.EPIPE)
+    watching.call("watch", {"index": 1})
+    assert wait_until(lambda: watching.faults.injected == 1 and watched(watching, 1) == [])
+    watching.faults.disarm()
+    assert changed(watching, uuid) is False
+    watching.call("watch", {"index": 1})
+    wait_watched(watching, 1, top, *folders)
+
+
+def test_watchers_that_start_without_memory_watch_once_there_is_some(make_instance):
+    instance = give_volume(make_instance("nobody"))
+    instance.write_veto("/*.tmp/")
+    make_file(instance.share / "a")
+    faults = Faults(instance)
+    instance.start()
+    faults.begin()
+    if not faults.fails_memory:
+        pytest.skip("a sanitizer brings its own allocator: in this build no allocation can be made to fail")
+    instance.stop()
+    faults.arm("threads", "malloc", times=0, error=errno.ENOMEM)
+    instance.process = None
+    instance.start()
+    assert wait_until(lambda: faults.injected >= 2)
+    faults.disarm()
+    uuid = followed(instance, instance.share)
+    next_second()
+    make_file(instance.share / "new.tmp")
+    time.sleep(1)  # as long as the watchers' threads rest between two looks, and more
+    assert changed(instance, uuid) is False
+    make_file(instance.share / "new")
+    assert wait_until(lambda: changed(instance, uuid))
+
+
+# --- The start and the stop ---
+
+
+# Calls of the start once signals are heeded: the first is that of the bus service, which there is none of before.
+@pytest.mark.parametrize("call", ["eventfd", "socket", "inotify_init1", "mkdir"])
+def test_a_stop_signal_while_the_daemon_starts_is_heeded(make_instance, call):
+    instance = make_instance("nobody")
+    faults = Faults(instance)
+    furnish(instance).start()
+    faults.begin()
+    instance.stop()
+    faults.signal("daemon", call, signal.SIGTERM)
+    instance.process = None
+    instance.launch("--sid", instance.sid)
+    assert instance.wait_end() == 0, instance.log()
+    assert faults.injected == 1
+    assert instance.lines()[-1].endswith(f"[{instance.name}] shutdown service")
+    assert not instance.socket.exists() and not instance.pid_file.exists()
+
+
+def test_caches_of_ended_sessions_that_cannot_be_listed_go_with_the_next_daemon(make_instance):
+    instance = give_volume(make_instance("nobody"))
+    faults = Faults(instance)
+    instance.start()
+    faults.begin()
+    ended = instance.volume / ".fs" / "ended.1"
+    ended.write_bytes(b"of a session that has ended")
+    faults.arm("daemon", "fdopendir", times=0, error=errno.ENOMEM)
+    instance.stop()
+    assert faults.injected == 1
+    assert ended.exists()
+    faults.disarm()
+    instance.process = None
+    instance.start()
+    instance.stop()
+    assert not ended.exists()
+
+
 
 
 # The call, how many of its occurrences are tried, and whether all that follow fail with it.

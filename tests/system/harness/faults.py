@@ -12,7 +12,7 @@ MAGIC = 0x44574654
 NAMES_SIZE = 2048
 JOURNAL_SIZE = 1 << 18
 PROCESSES = ("daemon", "threads", "between", "request", "tool")
-FAIL, INTERRUPT, PIECEMEAL = 1, 2, 3
+FAIL, INTERRUPT, PIECEMEAL, SIGNAL = 1, 2, 3, 4
 
 HEAD = 16 + NAMES_SIZE
 (MODE, CALL, PROCESS, FIRST, TIMES, ERROR, RECORDING, HASTENED, INJECTED, BORN, ENDED,
@@ -60,12 +60,19 @@ class Faults:
         size = 4 * len(self.calls) * len(PROCESSES)
         self.page[INJECTED:COUNTS + size + 4] = bytes(COUNTS + size + 4 - INJECTED)  # the journal's length included
 
-    def arm(self, process, call, first=1, times=1, error=errno.EIO):
-        """The `first`-th such call of the process fails, and the following ones: `times` in all, 0 for every one."""
+    def _choose(self, mode, process, call, first, times, error):
         self._clear()
         for offset, value in ((CALL, self.calls.index(call)), (PROCESS, PROCESSES.index(process)), (FIRST, first),
-                              (TIMES, times), (ERROR, error), (MODE, FAIL)):
+                              (TIMES, times), (ERROR, error), (MODE, mode)):
             self._set(offset, value)
+
+    def arm(self, process, call, first=1, times=1, error=errno.EIO):
+        """The `first`-th such call of the process fails, and the following ones: `times` in all, 0 for every one."""
+        self._choose(FAIL, process, call, first, times, error)
+
+    def signal(self, process, call, number, first=1):
+        """A signal reaches the process just before its `first`-th such call, which succeeds."""
+        self._choose(SIGNAL, process, call, first, 1, number)
 
     def interrupt(self, process):
         """Every call that a signal may interrupt is interrupted once before it really runs."""
