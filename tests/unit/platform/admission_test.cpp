@@ -15,6 +15,7 @@
 #include "platform/include/hxservice.h"
 #include "support/environment.h"
 #include "support/private_root.h"
+#include "support/temp_dir.h"
 
 namespace dirwell::test {
 namespace {
@@ -70,6 +71,21 @@ TEST_F(AdmissionTest, AdmitsConfiguredAccountsFromTheNextConnectionOn) {
   EXPECT_FALSE(admission.admits(id_of("nobody")));
   write_below_root("etc/config/host-platform.conf", "[BUS]\nusers =\n[OTHER]\nusers = daemon\n");
   EXPECT_FALSE(admission.admits(id_of("daemon")));
+}
+
+TEST_F(AdmissionTest, AdmitsAConfiguredAccountHoweverLongItsRecordIs) {
+  const TempDir folder;
+  // Longer than the room that a first look-up gives, and than twice that.
+  const std::string accounts =
+      folder.write("passwd", "root:x:0:0::/:/bin/sh\nwordy:x:61001:61001:" + std::string(10'000, 'w') + ":/:/bin/sh\n");
+  const std::string groups = folder.write("group", "root:x:0:\n");
+  write_below_root("etc/config/host-platform.conf", "[BUS]\nusers = wordy\n");
+  EXPECT_EQ(in_child([&] {
+              use_account_files(accounts, groups);
+              host::Admission admission("some-service");
+              ::_exit(admission.admits(61001) && !admission.admits(61002) ? 0 : 1);
+            }),
+            0);
 }
 
 TEST_F(AdmissionTest, FollowsTheSessionsRecordFromUserToUser) {

@@ -2,7 +2,15 @@
 
 #include "platform/host/budget.h"
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <ostream>
+
+#include "platform/shortage.h"
+#include "support/environment.h"
 
 namespace dirwell::host {
 
@@ -35,6 +43,25 @@ TEST(Budget, LeavesTheDaemonItsOwn) {
 TEST(Budget, LeavesNobodyWithoutAny) {
   EXPECT_EQ(share_out(0), (Budget{1, 1, 1, 1}));
   EXPECT_EQ(share_out(16), (Budget{1, 1, 1, 2}));
+}
+
+TEST(Budget, IsOfWhatTheProcessMayHold) {
+  EXPECT_EQ(test::in_child([] {
+              rlimit files = {};
+              ::getrlimit(RLIMIT_NOFILE, &files);
+              files.rlim_cur = 320;
+              ::setrlimit(RLIMIT_NOFILE, &files);
+              ::_exit(budget_of_process() == Budget{40, 40, 20, 60} ? 0 : 1);
+            }),
+            0);
+}
+
+TEST(Budget, IsTheLeastWhereNobodyTellsWhatTheProcessMayHold) {
+  EXPECT_EQ(test::in_child([] {
+              test::refuse_calls(SYS_prlimit64, EPERM);
+              ::_exit(budget_of_process() == Budget{1, 1, 1, 1} ? 0 : 1);
+            }),
+            0);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // One service calling another.
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include "platform/bus_service.h"
 #include "platform/host/io.h"
 #include "platform/include/hxrest.h"
+#include "platform/shortage.h"
 #include "support/environment.h"
 #include "support/private_root.h"
 
@@ -113,6 +115,53 @@ TEST(Call, DoesNotWaitForADescriptorThatNobodyReads) {
   ::close(ends[1]);
 }
 
+TEST(Call, TellsWhyTheReplyCannotBeWritten) {
+  const ServiceProcess service(name_and_body);
+  std::array<int, 2> ends = {-1, -1};
+  ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+  EXPECT_EQ(in_child([&] {
+              const Io io = io_with("kept");
+              refuse_poll(ENOMEM);
+              const int status = hx_call("bus-under-test", "x", io.get(), 5, ends[1]);
+              ::_exit(status == -1 && errno == ENOMEM && text_of(io) == "kept" ? 0 : 1);
+            }),
+            0);
+  ::close(ends[0]);
+  EXPECT_EQ(in_child([&] {
+              ::signal(SIGPIPE, SIG_IGN);
+              const Io io = io_with("kept");
+              const int status = hx_call("bus-under-test", "x", io.get(), 5, ends[1]);
+              ::_exit(status == -1 && errno == EPIPE && text_of(io) == "kept" ? 0 : 1);
+            }),
+            0);
+  ::close(ends[1]);
+}
+
+TEST(Call, SaysSoWhenMemoryIsShortAtAnyStep) {
+  const ServiceProcess service(name_and_body);
+  const Io io = io_with("body");
+  const int before = ::dup(0);
+  ::close(before);
+  std::size_t step = 0;
+  for (bool failed = true; failed; ++step) {
+    int status = 0;
+    int reason = 0;
+    {
+      const FailingAllocation allocation(step);
+      status = hx_call("bus-under-test", "x", io.get(), 5, -1);
+      reason = errno;
+      failed = FailingAllocation::has_failed();
+    }
+    EXPECT_EQ(status, failed ? -1 : 200) << step;
+    EXPECT_TRUE(!failed || reason == ENOMEM) << step;
+    EXPECT_EQ(text_of(io), failed ? "body" : "/x:body") << step;
+  }
+  EXPECT_GT(step, 5U);
+  const int after = ::dup(0);
+  EXPECT_EQ(after, before) << "a descriptor was left behind";
+  ::close(after);
+}
+
 TEST(Call, EndsAfterItsTime) {
   const ServiceProcess service(name_and_body);
   const Io io = io_with("kept");
@@ -136,7 +185,8 @@ TEST(Call, FailsWithoutAService) {
 // A peer that says what it is told and ends.
 class FakeService {
  public:
-  explicit FakeService(std::string reply)
+  // After the reply, `more` is said until the client goes.
+  explicit FakeService(std::string reply, std::string more = "")
       : listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)), path_(private_root() + "/var/run/fake.sock") {
     write_below_root("var/run/.keep", "");
     sockaddr_un address = {};
@@ -146,11 +196,13 @@ class FakeService {
         ::listen(listener_, 1) != 0) {
       throw std::runtime_error("cannot listen at " + path_);
     }
-    thread_ = std::thread([this, reply = std::move(reply)] {
+    thread_ = std::thread([this, reply = std::move(reply), more = std::move(more)] {
       const int client = ::accept(listener_, nullptr, nullptr);
       std::array<char, 4096> request;
       static_cast<void>(!::read(client, request.data(), request.size()));
       write_text(client, reply);
+      while (!more.empty() && ::send(client, more.data(), more.size(), MSG_NOSIGNAL) > 0) {
+      }
       ::close(client);
     });
   }
@@ -181,6 +233,19 @@ TEST(Call, ReadsAReplyThatEndsWithTheConnection) {
   const Io io = io_with("");
   EXPECT_EQ(hx_call("fake", "x", io.get(), 2, -1), 200);
   EXPECT_EQ(text_of(io), "all of it");
+}
+
+TEST(Call, IsNotProlongedByAReplyThatComesByteByByte) {
+  // So that there is always something to read when the time is over.
+  const FakeService service("HTTP/1.1 200 OK\r\nContent-Length: 16000000\r\n\r\n", "x");
+  const Io io = io_with("kept");
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(hx_call("fake", "x", io.get(), 1, -1), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  const auto taken = std::chrono::steady_clock::now() - begin;
+  EXPECT_GE(taken, 1s);
+  EXPECT_LT(taken, 5s);
+  EXPECT_EQ(text_of(io), "kept");
 }
 
 TEST(Call, WorksFromARequestProcessToItsOwnService) {

@@ -339,6 +339,14 @@ TEST_F(Config, KeepsTheParsedFormOfAFileThatWasOnlyTouched) {
   EXPECT_EQ(dirwell::host::config_file(file), parsed);
 }
 
+TEST_F(Config, FindsNoNumberWithoutASectionAKeyOrAFile) {
+  put(file, "[s]\nk = 7\n");
+  EXPECT_EQ(Get_Private_Profile_Integer("s", "k", 3, file), 7);
+  EXPECT_EQ(Get_Private_Profile_Integer(nullptr, "k", 3, file), 3);
+  EXPECT_EQ(Get_Private_Profile_Integer("s", nullptr, 4, file), 4);
+  EXPECT_EQ(Get_Private_Profile_Integer("s", "k", 5, "/etc/config/no-such.conf"), 5);
+}
+
 TEST_F(Config, LeavesAnOldParsedFormWhole) {
   put(file, "[s]\nk = old\n");
   const auto old = dirwell::host::config_file(file);

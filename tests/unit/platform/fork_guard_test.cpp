@@ -57,6 +57,13 @@ void list_descriptors(hx_request *, hx_io *io, int descriptor) {
   in_request_process(io, descriptor, [&] { say(io, descriptor, before + "|" + joined(open_things(descriptor))); });
 }
 
+TEST(ForkGuard, HasNothingToDoForADescriptorThatThereIsNot) {
+  host::fork_guard::guard(-1);
+  const host::fork_guard::Guarded none(-1);
+  const std::string before = joined(open_things(-1));
+  EXPECT_EQ(in_child([&] { ::_exit(joined(open_things(-1)) == before ? 0 : 1); }), 0);
+}
+
 TEST(ForkGuard, LeavesARequestProcessNoSocketAndNoWakeUpDescriptorOfTheBus) {
   const ServiceProcess service(list_descriptors);
   std::vector<Client> others;

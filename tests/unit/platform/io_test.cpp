@@ -1,6 +1,8 @@
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,6 +13,7 @@
 #include "platform/host/reply_mark.h"
 #include "platform/host/root.h"
 #include "platform/include/hxservice.h"
+#include "platform/shortage.h"
 #include "support/environment.h"
 #include "support/private_root.h"
 
@@ -70,6 +73,24 @@ TEST(Io, SaysSoWhenMemoryIsShort) {
   EXPECT_EQ(hx_io_realloc(io.get(), SIZE_MAX / 2), -1);
   EXPECT_EQ(hx_io_write(io.get(), "x", SIZE_MAX / 2), 0U);
   EXPECT_STREQ(hx_io_read(io.get(), 0), "kept");
+}
+
+TEST(Io, SaysSoWhenThereIsNoMoreMemory) {
+  const Io io(hx_io_create());
+  hx_io_write(io.get(), "kept", 4);
+  const std::string text(1000, 'x');
+  {
+    const FailingAllocation none(0);
+    EXPECT_EQ(hx_io_write(io.get(), text.data(), text.size()), 0U);
+  }
+  {
+    const FailingAllocation none(0);
+    EXPECT_EQ(hx_io_realloc(io.get(), 1000), -1);
+  }
+  EXPECT_EQ(hx_io_size(io.get()), 4U);
+  EXPECT_STREQ(hx_io_read(io.get(), 0), "kept");
+  EXPECT_EQ(hx_io_write(io.get(), text.data(), text.size()), 1000U);
+  EXPECT_EQ(hx_io_size(io.get()), 1004U);
 }
 
 TEST(Io, WithoutAClientIsAliveAndHasNothingToReply) {
@@ -209,6 +230,19 @@ TEST(ReplyMarks, IgnoreARequestThatIsOver) {
   next.set();
   old.set();
   EXPECT_TRUE(host::ReplyMarks::is_set(next));
+}
+
+TEST(ReplyMarks, NeedAPageOfTheirOwn) {
+  EXPECT_EQ(in_child([] {
+              refuse_calls(SYS_mmap, ENOMEM, Argument{3, MAP_SHARED | MAP_ANONYMOUS});
+              try {
+                const host::ReplyMarks marks;
+              } catch (const std::bad_alloc &) {
+                ::_exit(0);
+              }
+              ::_exit(1);
+            }),
+            0);
 }
 
 TEST(ReplyMarks, RunOutWithoutHarm) {

@@ -7,6 +7,7 @@
 
 #include "platform/bus_service.h"
 #include "platform/include/hxrest.h"
+#include "platform/shortage.h"
 
 namespace dirwell::test {
 namespace {
@@ -120,6 +121,17 @@ TEST(RestTable, TakesEachNameOnce) {
   EXPECT_EQ(hx_rest_endpoint(own, show, "b", in_place, "usage"), 0);
   hx_rest_destroy(own);
   hx_rest_destroy(nullptr);
+}
+
+TEST(RestTable, SaysSoWhenThereIsNoMemoryForARow) {
+  hx_rest *own = hx_rest_create();
+  {
+    const FailingAllocation none(0);
+    EXPECT_EQ(hx_rest_endpoint(own, show, "a", in_place, "usage"), -1);
+    EXPECT_EQ(errno, ENOMEM);
+  }
+  EXPECT_EQ(hx_rest_endpoint(own, show, "a", in_place, "usage"), 0) << "the name is not taken";
+  hx_rest_destroy(own);
 }
 
 TEST(RestTable, TakesUsageTextsThatASocketHolds) {

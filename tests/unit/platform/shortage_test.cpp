@@ -1,0 +1,42 @@
+#include "platform/shortage.h"
+
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "support/environment.h"
+
+namespace dirwell::test {
+namespace {
+
+TEST(FailingAllocation, IsOneOfThoseInTheScope) {
+  {
+    const FailingAllocation second(1);
+    EXPECT_FALSE(FailingAllocation::has_failed());
+    const auto first = std::make_unique<long>(1);
+    EXPECT_THROW(std::make_unique<long>(2), std::bad_alloc);
+    EXPECT_TRUE(FailingAllocation::has_failed());
+    EXPECT_EQ(*std::make_unique<long>(3) + *first, 4);
+  }
+  const FailingAllocation first(0);
+  std::string text("short");
+  EXPECT_THROW(text.append(1000, 'x'), std::bad_alloc);  // in the library's own code
+  EXPECT_EQ(text, "short");
+}
+
+TEST(RefuseCalls, RefusesOneCallOrOneArgumentOfIt) {
+  EXPECT_EQ(in_child([] {
+              refuse_calls(SYS_getppid, EPERM);
+              refuse_calls(SYS_dup, EMFILE, Argument{0, 2});
+              ::_exit(::getppid() == -1 && ::dup(2) == -1 && errno == EMFILE && ::dup(1) >= 0 ? 0 : 1);
+            }),
+            0);
+}
+
+}  // namespace
+}  // namespace dirwell::test
