@@ -73,6 +73,7 @@ bool take_descriptors(const ProgramStart &start) {
 int become_program(void *argument) {
   auto &launch = *static_cast<Launch *>(argument);
   default_all_signals();
+  errno = 0;  // after the signals that were refused
   // A change of identity clears the death signal, so it comes after; the parent may have died before it counted.
   if (::syscall(SYS_setsid) >= 0 && take_identity(launch) && ::prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0) == 0 &&
       ::syscall(SYS_getppid) == launch.parent && take_descriptors(*launch.start)) {
@@ -117,7 +118,6 @@ pid_t start_program(const ProgramStart &start) {
   // No handler of ours may run in the new process while it shares our memory.
   SignalMask before = 0;
   set_signal_mask(~SignalMask{0}, &before);
-  errno = 0;
   const pid_t child = ::clone(become_program, stack.top(), CLONE_VM | CLONE_VFORK | SIGCHLD, &launch);
   const int clone_error = errno;
   set_signal_mask(before, nullptr);

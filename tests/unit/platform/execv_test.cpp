@@ -6,6 +6,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -27,6 +28,7 @@
 #include "platform/bus_service.h"
 #include "platform/host/limits.h"
 #include "platform/include/hxservice.h"
+#include "platform/shortage.h"
 #include "support/environment.h"
 #include "support/private_root.h"
 #include "support/temp_dir.h"
@@ -432,6 +434,81 @@ TEST(Execv, FailsCleanlyWhenDescriptorsAreShort) {
               ::_exit(3);
             }),
             0);
+}
+
+TEST(Execv, SaysSoWhenMemoryIsShortAtAnyStep) {
+  const std::size_t before = open_descriptors();
+  const char *const arguments[] = {"/bin/echo", "out", nullptr};
+  std::size_t step = 0;
+  for (bool failed = true; failed; ++step) {
+    const Io output(hx_io_create());
+    int status = 0;
+    int reason = 0;
+    {
+      const FailingAllocation allocation(step);
+      status = hx_io_execv(nullptr, output.get(), nullptr, arguments);
+      reason = errno;
+      failed = FailingAllocation::has_failed();
+    }
+    EXPECT_EQ(status, failed ? -1 : 0) << step;
+    EXPECT_TRUE(!failed || reason == ENOMEM) << step;
+    EXPECT_EQ(text_of(output), failed ? "" : "out\n") << step;
+  }
+  EXPECT_GT(step, 1U);
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(Execv, RunsNothingWhoseInputCannotBeGivenWhole) {
+  EXPECT_EQ(
+      in_child([] {
+        const std::size_t before = open_descriptors();
+        const Io input(hx_io_create());
+        const std::string text(300'000, 'i');
+        hx_io_write(input.get(), text.data(), text.size());
+        ::signal(SIGXFSZ, SIG_IGN);
+        rlimit size = {};
+        ::getrlimit(RLIMIT_FSIZE, &size);
+        const rlimit small = {100'000, size.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        const Ended ran = run({"/bin/cat"}, input.get());
+        const int reason = errno;
+        ::setrlimit(RLIMIT_FSIZE, &size);  // what counts the lines that run writes files
+        ::_exit(ran.status == -1 && reason == EFBIG && ran.output.empty() && open_descriptors() == before ? 0 : 1);
+      }),
+      0);
+}
+
+TEST(Execv, FailsWhenAnotherTakesTheStatus) {
+  EXPECT_EQ(
+      in_child([] {
+        ::signal(SIGCHLD, SIG_IGN);  // the kernel does
+        const std::size_t before = open_descriptors();
+        const Ended ran = shell("echo out; exit 7");
+        ::_exit(ran.status == -1 && errno == ECHILD && ran.output == "out\n" && open_descriptors() == before ? 0 : 1);
+      }),
+      0);
+}
+
+TEST(Execv, GoesOnWithoutAStreamThatCannotBeRead) {
+  EXPECT_EQ(
+      in_child([] {
+        const std::size_t before = open_descriptors();
+        refuse_calls(SYS_read, EIO, Argument{2, 16 * 1024});  // as long a read as only the streams' are
+        const Ended ran = shell("echo out; echo err >&2; exit 7");
+        ::_exit(ran.status == 7 && ran.output.empty() && ran.error.empty() && open_descriptors() == before ? 0 : 1);
+      }),
+      0);
+}
+
+TEST(Execv, RunsNothingOnceItsStarterSeemsToHaveDied) {
+  const TempDir folder;
+  EXPECT_EQ(in_child([&] {
+              refuse_calls(SYS_getppid, 0);  // as where the parent is none of this machine's any more
+              const Ended ran = shell(("touch " + folder.path() + "/ran").c_str());
+              ::_exit(ran.status == -1 && errno == ECHILD && ::waitpid(-1, nullptr, WNOHANG) == -1 ? 0 : 1);
+            }),
+            0);
+  EXPECT_FALSE(std::filesystem::exists(folder.path() + "/ran"));
 }
 
 TEST(Execv, RunsFromManyThreadsAtOnce) {
