@@ -40,7 +40,7 @@ Server::Server(const std::string &service, hx_request_callback callback, int sto
       descriptors_before_(event_descriptors()),
       loop_(1),
       admission_(service),
-      stop_event_(loop_, stop_event),
+      stop_event_(loop_),
       accept_pause_(loop_),
       stop_limit_(loop_) {
   for (const int descriptor : event_descriptors()) {
@@ -48,6 +48,8 @@ Server::Server(const std::string &service, hx_request_callback callback, int sto
       loop_guards_.emplace_back(descriptor);
     }
   }
+  // Last: it would be closed, although it is the caller's, where something behind it failed.
+  stop_event_.assign(stop_event);
 }
 
 Server::~Server() {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "platform/host/brief_calls.h"
 #include "platform/include/hxservice.h"
@@ -67,7 +68,8 @@ bool SocketFile::open(const std::string &path) {
   if (!fill(path, address)) {
     return false;
   }
-  std::error_code ignored;  // what stands in the way is told by bind
+  std::string own_path = path;  // now: without memory for it later, the file would stay
+  std::error_code ignored;      // what stands in the way is told by bind
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
   OwnedFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!listener.valid()) {
@@ -98,7 +100,7 @@ bool SocketFile::open(const std::string &path) {
     errno = reason;
     return false;
   }
-  path_ = path;
+  path_ = std::move(own_path);
   device_ = status.st_dev;
   inode_ = status.st_ino;
   listener_ = std::move(listener);

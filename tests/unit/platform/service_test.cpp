@@ -3,15 +3,25 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
+#include <initializer_list>
+#include <ios>
+#include <new>
+#include <stdexcept>
+#include <system_error>
 #include <thread>
+#include <utility>
 
 #include "platform/bus_service.h"
 #include "platform/host/limits.h"
 #include "platform/include/hxservice.h"
+#include "platform/shortage.h"
+#include "support/environment.h"
 #include "support/private_root.h"
 
 namespace dirwell::test {
@@ -120,6 +130,90 @@ TEST(Service, RunsNoHookWhenItCannotListen) {
   EXPECT_EQ(hx_start(service), -1);
   EXPECT_EQ(hook_log, "");
   hx_free(service);
+}
+
+TEST(Service, TellsWhyItsWorkerCouldNotBegin) {
+  for (const auto &[hook, error] : std::initializer_list<std::pair<hx_worker_hook, int>>{
+           {[](void *) { throw std::bad_alloc(); }, ENOMEM},
+           {[](void *) { throw std::system_error(EPERM, std::generic_category()); }, EPERM},
+           {[](void *) { throw std::system_error(1, std::iostream_category()); }, EIO},
+           {[](void *) { throw std::runtime_error("whatever"); }, EIO}}) {
+    hook_log.clear();
+    hx_service *service = hx_create("failing", 2, 1, echo);
+    ASSERT_NE(service, nullptr);
+    hx_worker_init(service, hook, nullptr);
+    hx_worker_fini(
+        service, [](void *) { hook_log += "fini"; }, nullptr);
+    EXPECT_EQ(hx_start(service), -1);
+    EXPECT_EQ(errno, error);
+    EXPECT_EQ(hook_log, "fini");
+    EXPECT_FALSE(std::filesystem::exists(private_root() + "/var/run/failing.sock"));
+    hx_free(service);
+  }
+}
+
+std::size_t open_descriptors() {
+  const std::filesystem::directory_iterator entries("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+TEST(Service, IsNotMadeWithoutMemory) {
+  const std::size_t descriptors = open_descriptors();
+  std::size_t step = 0;
+  for (bool failed = true; failed; ++step) {
+    hx_service *service = nullptr;
+    int reason = 0;
+    {
+      const FailingAllocation allocation(step);
+      service = hx_create("starved-before-it-is-made", 2, 1, echo);
+      reason = errno;
+      failed = FailingAllocation::has_failed();
+    }
+    EXPECT_EQ(service == nullptr, failed) << step;
+    EXPECT_TRUE(!failed || reason == ENOMEM) << step;
+    hx_free(service);
+  }
+  EXPECT_GT(step, 2U);
+  EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+// It says so, or goes on and stops as it was told to. Some code of libraries knows no other way out than the end of the
+// process, which the next start does not mind.
+TEST(Service, LeavesNothingWhereMemoryIsShortAtAnyStepOfItsStart) {
+  enum Outcome { never_short, survived, wrong };
+  std::size_t survivals = 0;
+  std::size_t aborts = 0;
+  for (int outcome = survived; outcome != never_short;) {
+    const int status = in_child([&] {
+      host::limits().pause = 1ms;
+      hx_service *service = hx_create("starved", 2, 1, echo);
+      hx_stop(service);
+      const std::size_t descriptors = open_descriptors();
+      int result = 0;
+      int reason = 0;
+      bool failed = false;
+      {
+        const FailingAllocation allocation(survivals + aborts);
+        result = hx_start(service);
+        reason = errno;
+        failed = FailingAllocation::has_failed();
+      }
+      const bool right = result == 0 || (result == -1 && failed && reason == ENOMEM);
+      const bool left = std::filesystem::exists(private_root() + "/var/run/starved.sock");
+      if (!right || left || open_descriptors() != descriptors) {
+        std::fprintf(stderr, "%d, errno %d, %s, %zu descriptors instead of %zu\n", result, reason,
+                     left ? "a socket is left" : "no socket is left", open_descriptors(), descriptors);
+        ::_exit(wrong);
+      }
+      ::_exit(failed ? survived : never_short);
+    });
+    const bool aborted = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+    ASSERT_TRUE(aborted || WIFEXITED(status)) << survivals + aborts << ": " << status;
+    outcome = aborted ? survived : WEXITSTATUS(status);
+    ASSERT_TRUE(outcome == survived || outcome == never_short) << survivals + aborts << ": " << status;
+    (aborted ? aborts : survivals) += 1;
+  }
+  EXPECT_GT(survivals, aborts);
 }
 
 TEST(Service, StopsFromAnotherThread) {
