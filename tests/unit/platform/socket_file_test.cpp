@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 
+#include "platform/shortage.h"
+#include "support/environment.h"
 #include "support/temp_dir.h"
 
 namespace dirwell::host {
@@ -92,6 +95,56 @@ TEST_F(SocketFileTest, TellsWhyThereCanBeNone) {
   EXPECT_EQ(connect_to(-1, std::string(108, 'x')), -1);
   EXPECT_EQ(errno, ENAMETOOLONG);
   EXPECT_EQ(connect(), ENOENT);
+}
+
+TEST_F(SocketFileTest, TellsWhyAStaleFileCannotBeReplaced) {
+  const test::TempDir others;
+  const std::string path = others.path() + "/x.sock";
+  {
+    SocketFile dead;
+    ASSERT_TRUE(dead.open(path_));
+    std::filesystem::rename(path_, path);
+  }
+  ASSERT_EQ(::chmod(others.path().c_str(), 0755), 0);
+  EXPECT_EQ(test::in_child([&] {
+              // Everybody may connect, but only root may remove the file.
+              if (::setegid(65534) != 0 || ::seteuid(65534) != 0) {
+                ::_exit(9);
+              }
+              const int next = ::dup(0);
+              ::close(next);
+              SocketFile file;
+              const bool opened = file.open(path);
+              const int reason = errno;
+              ::_exit(!opened && reason == EACCES && file.descriptor() == -1 && ::dup(0) == next ? 0 : 1);
+            }),
+            0);
+  EXPECT_TRUE(std::filesystem::is_socket(path));
+}
+
+TEST_F(SocketFileTest, LeavesNoFileThatNotEverybodyCouldConnectTo) {
+  EXPECT_EQ(test::in_child([&] {
+              test::refuse_chmod(EROFS);
+              const int next = ::dup(0);
+              ::close(next);
+              SocketFile file;
+              const bool opened = file.open(path_);
+              const int reason = errno;
+              ::_exit(!opened && reason == EROFS && file.descriptor() == -1 && ::dup(0) == next ? 0 : 1);
+            }),
+            0);
+  EXPECT_TRUE(std::filesystem::is_directory(folder_.path() + "/made/when missing"));
+  EXPECT_FALSE(exists());
+}
+
+TEST_F(SocketFileTest, LeavesNoFileThatNobodyListensAt) {
+  EXPECT_EQ(test::in_child([&] {
+              test::refuse_calls(SYS_listen, ENOBUFS);
+              SocketFile file;
+              ::_exit(!file.open(path_) && errno == ENOBUFS && file.descriptor() == -1 ? 0 : 1);
+            }),
+            0);
+  EXPECT_FALSE(exists());
 }
 
 TEST_F(SocketFileTest, LeavesAFileThatHasTakenItsPlace) {
