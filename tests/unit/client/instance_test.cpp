@@ -99,6 +99,7 @@ TEST_F(FindSid, TakesTheOnlyInstanceThatListens) {
   leave_stale_socket(socket_path(folder.path(), "stale"));
   folder.write("var/run/dirwell-file.sock");
   folder.write("var/run/dirwell-.sock");
+  const FakeService unnameable(socket_path(folder.path(), "a.b"), "");
   folder.write("var/run/other.sock");
   EXPECT_EQ(found(), "alive");
 }
@@ -115,6 +116,23 @@ TEST_F(FindSid, SaysWhenThereAreSeveral) {
   const FakeService first(socket_path(folder.path(), "first"), "");
   EXPECT_EQ(failure(),
             std::pair(Status::unreachable, std::string("several instances run; choose one with --sid: first second")));
+}
+
+// More callers than its queue takes are waiting already.
+TEST_F(FindSid, CountsAnInstanceThatIsTooBusyToAnswer) {
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int waiting = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socket_path(folder.path(), "busy").c_str(), sizeof address.sun_path - 1);
+  const auto *name = reinterpret_cast<const sockaddr *>(&address);
+  ASSERT_EQ(::bind(listener, name, sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 0), 0);
+  ASSERT_EQ(::connect(waiting, name, sizeof address), 0);
+  EXPECT_EQ(found(), "busy");
+  ::close(waiting);
+  ::close(listener);
+  EXPECT_EQ(failure().first, Status::unreachable);
 }
 
 TEST_F(FindSid, CountsAnInstanceThatMayNotBeSpokenTo) {

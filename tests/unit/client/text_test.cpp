@@ -42,6 +42,8 @@ TEST(DisplayText, EscapesWhatSteersATerminal) {
        "\\u009b31m"},                             // the one-character form of ESC [
       {"\xE2\x80\xAEtxt.exe", "\\u202etxt.exe"},  // right-to-left override
       {"\xE2\x80\xA8\xE2\x81\xA6\xEF\xBB\xBF", "\\u2028\\u2066\\ufeff"},
+      {"\xD8\x9C\xE2\x80\x8E\xE2\x80\x8F", "\\u061c\\u200e\\u200f"},  // marks of a direction
+      {"\xE2\x80\xA9\xE2\x80\xAA\xE2\x81\xA9", "\\u2029\\u202a\\u2069"},
       {"back\\slash\\n", "back\\\\slash\\\\n"},
       {"\xC3\xA9t\xC3\xA9", "\xC3\xA9t\xC3\xA9"},
       {"\xE6\x97\xA5\xE6\x9C\xAC", "\xE6\x97\xA5\xE6\x9C\xAC"},
