@@ -1,11 +1,15 @@
 // The endpoint table behind a real service.
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <new>
 #include <stdexcept>
 
 #include "platform/bus_service.h"
+#include "platform/host/io.h"
 #include "platform/include/hxrest.h"
 #include "platform/shortage.h"
 
@@ -131,6 +135,42 @@ TEST(RestTable, SaysSoWhenThereIsNoMemoryForARow) {
     EXPECT_EQ(errno, ENOMEM);
   }
   EXPECT_EQ(hx_rest_endpoint(own, show, "a", in_place, "usage"), 0) << "the name is not taken";
+  hx_rest_destroy(own);
+}
+
+// The daemon's own code answers then; see hx_rest_dispatch.
+TEST(RestTable, LeavesARequestToItsCallerWhereThereIsNoMemoryForItsParameters) {
+  static bool handled = false;
+  static int allocations = 0;
+  hx_rest *own = hx_rest_create();
+  hx_rest_endpoint(
+      own, show, "a", [](hx_request *, hx_rest_handler, hx_io *, json_t *, int) { handled = true; }, "usage");
+  hx_request request;
+  request.method = "POST";
+  request.path = "/a";
+  request.parameters = {{"name", "value"}};
+  hx_io *const io = hx_io_create();
+  hx_io_write(io, "body", 4);
+  const int descriptor = ::dup(0);
+  int step = 0;
+  for (; !handled && step < 100; ++step) {
+    allocations = step;
+    json_set_alloc_funcs([](std::size_t size) { return allocations-- == 0 ? nullptr : std::malloc(size); }, std::free);
+    bool thrown = false;
+    try {
+      hx_rest_dispatch(own, &request, io, descriptor);
+    } catch (const std::bad_alloc &) {
+      thrown = true;
+    }
+    json_set_alloc_funcs(std::malloc, std::free);
+    EXPECT_NE(thrown, handled) << step;
+    EXPECT_STREQ(hx_io_read(io, 0), "body");
+    EXPECT_GE(::fcntl(descriptor, F_GETFD), 0) << step;
+  }
+  EXPECT_TRUE(handled);
+  EXPECT_GT(step, 3) << "an object, a key, a value";
+  ::close(descriptor);
+  hx_io_free(io);
   hx_rest_destroy(own);
 }
 
