@@ -40,6 +40,7 @@ unsigned char nameClass(std::string_view name) {
   return name.starts_with('@') ? 2 : 3;
 }
 
+// Null where memory does not suffice: one with some of its settings would order otherwise.
 std::unique_ptr<icu::Collator> madeCollator(UErrorCode &status) {
   std::unique_ptr<icu::Collator> collator(icu::Collator::createInstance(status));
   if (collator != nullptr) {
@@ -47,6 +48,9 @@ std::unique_ptr<icu::Collator> madeCollator(UErrorCode &status) {
     collator->setAttribute(UCOL_NORMALIZATION_MODE, UCOL_ON, status);
     collator->setAttribute(UCOL_STRENGTH, UCOL_TERTIARY, status);
     collator->setAttribute(UCOL_CASE_FIRST, UCOL_LOWER_FIRST, status);
+  }
+  if (U_FAILURE(status)) {
+    collator.reset();
   }
   return collator;
 }

@@ -2,10 +2,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unicode/uclean.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <limits>
 
 #include "ordering/listings.h"
+#include "support/environment.h"
 
 // Sorters have no virtual destructor, by design.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
@@ -74,6 +78,60 @@ TEST_F(SorterBase, AloneOrdersNothingAndMovesNothing) {
     EXPECT_FALSE(sorter->compare(entryOf("b"), entryOf("a")));
     EXPECT_THAT(sortedNames(*sorter, listingOf({"c", "a", "b"})), ElementsAre("c", "a", "b"));
   }
+}
+
+// ICU's memory, of which one piece is not to be had.
+int pieces_until_failure = -1;
+
+void *allocated(const void * /*context*/, std::size_t size) {
+  return pieces_until_failure >= 0 && pieces_until_failure-- == 0 ? nullptr : std::malloc(size);
+}
+
+void *reallocated(const void * /*context*/, void *memory, std::size_t size) {
+  return pieces_until_failure >= 0 && pieces_until_failure-- == 0 ? nullptr : std::realloc(memory, size);
+}
+
+void released(const void * /*context*/, void *memory) {
+  std::free(memory);
+}
+
+// What ICU gives now, and ICU alone: what it could not load once it never tries again.
+bool icuHasACollator() {
+  UErrorCode error = U_ZERO_ERROR;
+  const std::unique_ptr<icu::Collator> collator(icu::Collator::createInstance(error));
+  return U_SUCCESS(error);
+}
+
+// The first collator of a language is what all later ones are copies of. Whichever piece of memory it lacks, the order
+// is that of bytes at most, and only until there is some again.
+TEST_F(SorterBase, KeepsNoCollatorThatCouldNotBeMadeWhole) {
+  EXPECT_EQ(test::in_child([] {
+              UErrorCode error = U_ZERO_ERROR;
+              u_setMemoryFunctions(nullptr, allocated, reallocated, released, &error);
+              if (U_FAILURE(error)) {
+                ::_exit(2);
+              }
+              const std::vector<std::string> natural = {"a", "B", "file9", "file10"};
+              const std::vector<std::string> bytes = {"B", "a", "file10", "file9"};
+              int recovered = 0;
+              bool lacking = true;
+              for (int pieces = 0; lacking; ++pieces) {
+                // A language of its own, which nothing has been kept of yet.
+                const ScopedLocale locale(("en_US_TEST" + std::to_string(pieces)).c_str());
+                pieces_until_failure = pieces;
+                { const Sorter starved(false); }
+                lacking = pieces_until_failure < 0;
+                pieces_until_failure = -1;
+                const bool whole = icuHasACollator();
+                recovered += lacking && whole ? 1 : 0;
+                if (sortedBy<NameSorter>(false, {"file10", "B", "file9", "a"}) != (whole ? natural : bytes)) {
+                  std::fprintf(stderr, "after %d pieces\n", pieces);
+                  ::_exit(3);
+                }
+              }
+              ::_exit(recovered > 0 ? 0 : 4);
+            }),
+            0);
 }
 
 TEST_F(SorterBase, AppendGoesToTheEndOfTheChainAndReturnsItsHead) {
