@@ -1,8 +1,10 @@
 """The daemon when the machine around it fails: interrupted and piecemeal calls, shortages that last, a session that
 cannot be looked up, and starts that go wrong at any step."""
 
+import contextlib
 import errno
 import os
+import resource
 import signal
 import threading
 import time
@@ -115,6 +117,55 @@ def test_a_daemon_without_memory_goes_on_once_there_is_some_or_is_started_again(
             served.start()
         for name in NAMES:
             right(served, name)
+
+
+def reply_of(client):
+    """The status of the one reply; 0 where the connection ends without one."""
+    try:
+        return client.response().status
+    except (AssertionError, ConnectionError):
+        return 0
+
+
+def test_a_place_that_is_given_back_without_memory_is_not_lost(make_instance):
+    """Whoever waits next gets it, or is let go, and then it goes to the one behind."""
+    request = b"GET / HTTP/1.1\r\nHost: x\r\n\r\n"
+    instance = make_instance()
+    faults = Faults(instance)
+    # Four places, and room for ten to wait.
+    instance.run_as = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))}
+    instance.start()
+    faults.begin()
+    if not faults.fails_memory:
+        pytest.skip("a sanitizer brings its own allocator: in this build no allocation can be made to fail")
+    assert Requests(instance).ask("list")["error_code"] == 0
+    time.sleep(0.5)  # what the start held is given back
+    empty = instance.daemon_descriptors()
+    outcomes = set()
+    for number in range(1, 21):
+        with contextlib.ExitStack() as stack:
+            held = [stack.enter_context(contextlib.closing(instance.raw())) for _ in range(4)]
+            for client in held:
+                client.send(request)
+                assert client.response().status == 200
+            waiting = []
+            for count in range(1, 4):
+                waiting.append(stack.enter_context(contextlib.closing(instance.raw())))
+                assert wait_until(lambda: instance.daemon_descriptors() == empty + 4 + count)
+            waiting[0].send(request)
+            faults.arm("daemon", "malloc", first=number, error=errno.ENOMEM)
+            held[0].close()
+            outcome = reply_of(waiting[0])
+            faults.disarm()
+            assert outcome in (200, 502, 503, 0), number  # a refusal is for want of memory for the request itself
+            outcomes.add(outcome)
+            waiting[0].close()
+            held[1].close()
+            for client in waiting[1:]:
+                client.send(request)
+                assert client.response().status == 200, number
+        assert wait_until(lambda: instance.daemon_descriptors() <= empty), number
+    assert 0 in outcomes
 
 
 # --- The session ---
