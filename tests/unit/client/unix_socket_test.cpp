@@ -98,6 +98,23 @@ TEST_F(UnixSocketTest, SaysWhyItCannotBeMade) {
             0);
 }
 
+// The kernel lets a process wait for no more descriptors than it may have.
+TEST_F(UnixSocketTest, SaysWhyItCannotWait) {
+  EXPECT_EQ(dirwell::test::in_child([this] {
+              UnixSocket socket(path, 5s, error);
+              accept();
+              rlimit limit{};
+              ::getrlimit(RLIMIT_NOFILE, &limit);
+              const rlimit none = {0, limit.rlim_max};
+              ::setrlimit(RLIMIT_NOFILE, &none);
+              std::array<char, 16> text{};
+              const std::size_t got = socket.read_some(boost::asio::buffer(text), error);
+              ::setrlimit(RLIMIT_NOFILE, &limit);
+              ::_exit(got == 0 && error == errc::invalid_argument ? 0 : 1);
+            }),
+            0);
+}
+
 // Whoever is in the queue already fills it.
 TEST_F(UnixSocketTest, GivesUpConnectingWhereNobodyIsAccepted) {
   const UnixSocket waiting(path, 5s, error);
