@@ -134,6 +134,32 @@ TEST_F(SorterBase, KeepsNoCollatorThatCouldNotBeMadeWhole) {
             0);
 }
 
+// A name whose key ICU has no memory for is compared with its neighbours instead.
+TEST_F(SorterBase, OrdersNamesWithoutAKeyAllTheSame) {
+  EXPECT_EQ(
+      test::in_child([] {
+        UErrorCode error = U_ZERO_ERROR;
+        u_setMemoryFunctions(nullptr, allocated, reallocated, released, &error);
+        const std::string head(2000, 'e');
+        const std::vector<std::string> natural = {head + "9a", head + "9B", head + "10", head + "10b", head + "11"};
+        int lacking = 0;
+        for (int pieces = 0; lacking == pieces; ++pieces) {
+          auto sorter = chain<NameSorter>(false);
+          auto entries = listingOf({natural[3], natural[0], natural[4], natural[1], natural[2]});
+          pieces_until_failure = pieces;
+          sorter->sort(entries);
+          lacking += pieces_until_failure < 0 ? 1 : 0;
+          pieces_until_failure = -1;
+          if (namesOf(entries) != natural) {
+            std::fprintf(stderr, "after %d pieces\n", pieces);
+            ::_exit(1);
+          }
+        }
+        ::_exit(lacking > 0 ? 0 : 2);
+      }),
+      0);
+}
+
 TEST_F(SorterBase, AppendGoesToTheEndOfTheChainAndReturnsItsHead) {
   auto head = std::make_shared<Sorter>(false);
   EXPECT_EQ(head->append(std::make_shared<SizeSorter>(false)), head);
