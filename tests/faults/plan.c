@@ -75,8 +75,9 @@ static void record(enum fault_process process, enum fault_call call, const char 
 
 static bool chosen(enum fault_process process, enum fault_call call) {
   const uint32_t count = __atomic_add_fetch(&plan->counts[process][call], 1, __ATOMIC_RELAXED);
-  if ((plan->mode != mode_fail && plan->mode != mode_signal) || plan->call != (uint32_t)call || plan->process != (uint32_t)process ||
-      count < plan->first || (plan->times != 0 && count - plan->first >= plan->times)) {
+  if ((plan->mode != mode_fail && plan->mode != mode_signal) || plan->call != (uint32_t)call ||
+      plan->process != (uint32_t)process || count < plan->first ||
+      (plan->times != 0 && count - plan->first >= plan->times)) {
     return false;
   }
   __atomic_add_fetch(&plan->injected, 1, __ATOMIC_RELAXED);

@@ -69,7 +69,8 @@ struct fault_plan {
   uint32_t process;
   uint32_t first; /* the first occurrence that fails, from 1 on */
   uint32_t times; /* how many in a row fail; 0 for all from there on */
-  uint32_t error; /* errno, or a signal; 0 for a switch of identity that reports success and does nothing, and see platform.cpp */
+  uint32_t error; /* errno, or a signal; 0 for a switch of identity that reports success and does nothing, and see
+                     platform.cpp */
   uint32_t recording;
   uint32_t hastened; /* milliseconds: no timer of the daemon ticks more slowly; 0 leaves them alone */
 

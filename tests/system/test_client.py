@@ -213,8 +213,8 @@ def on_terminal(instance, columns, *arguments):
     fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
     with open(ours, "rb", buffering=0) as screen:
         process = subprocess.Popen([str(instance.client), *arguments], stdin=subprocess.DEVNULL, stdout=theirs, cwd="/",
-                                   env={"PATH": "/usr/bin:/bin", "DIRWELL_ROOT": str(instance.root), "LC_ALL": "C.UTF-8",
-                                        "TZ": "UTC0", **PASSED_ON})
+                                   env={"PATH": "/usr/bin:/bin", "DIRWELL_ROOT": str(instance.root), "TZ": "UTC0",
+                                        "LC_ALL": "C.UTF-8", **PASSED_ON})
         os.close(theirs)
         shown = b""
         with contextlib.suppress(OSError):  # the last writer has gone
@@ -246,7 +246,8 @@ def test_a_table_that_no_terminal_shows_is_whole(long_named):
 
 
 def test_output_that_cannot_be_written_is_a_failure(listed):
-    for arguments in (["list", str(listed.share)], ["list", str(listed.share), "--json"], ["session", "list"], ["--help"]):
+    folder = str(listed.share)
+    for arguments in (["list", folder], ["list", folder, "--json"], ["session", "list"], ["--help"]):
         with open("/dev/full", "wb") as full:
             result = subprocess.run([str(listed.client), *arguments], stdout=full, stderr=subprocess.PIPE, timeout=60,
                                     cwd="/", env={"DIRWELL_ROOT": str(listed.root), **PASSED_ON})
