@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
 #include <new>
 #include <string>
 
@@ -18,10 +17,12 @@ TEST(FailingAllocation, IsOneOfThoseInTheScope) {
   {
     const FailingAllocation second(1);
     EXPECT_FALSE(FailingAllocation::has_failed());
-    const auto first = std::make_unique<long>(1);
-    EXPECT_THROW(std::make_unique<long>(2), std::bad_alloc);
+    // Called by name: a compiler may leave out what only an expression asks for.
+    ::operator delete(::operator new(8));
+    EXPECT_FALSE(FailingAllocation::has_failed());
+    EXPECT_THROW(::operator delete(::operator new(8)), std::bad_alloc);
     EXPECT_TRUE(FailingAllocation::has_failed());
-    EXPECT_EQ(*std::make_unique<long>(3) + *first, 4);
+    ::operator delete(::operator new(8));
   }
   const FailingAllocation first(0);
   std::string text("short");
