@@ -483,7 +483,7 @@ TEST(Execv, FailsWhenAnotherTakesTheStatus) {
       in_child([] {
         ::signal(SIGCHLD, SIG_IGN);  // the kernel does
         const std::size_t before = open_descriptors();
-        const Ended ran = shell("echo out; exit 7");
+        const Ended ran = shell("echo out; sleep 1; exit 7");  // not over before anybody has looked at it
         ::_exit(ran.status == -1 && errno == ECHILD && ran.output == "out\n" && open_descriptors() == before ? 0 : 1);
       }),
       0);
