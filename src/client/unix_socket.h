@@ -31,11 +31,13 @@ class UnixSocket {
   template <typename Buffers>
   std::size_t read_some(const Buffers &buffers, boost::system::error_code &error) {
     const boost::asio::mutable_buffer first = first_of<boost::asio::mutable_buffer>(buffers);
+    error = {};
     return first.size() == 0 ? 0 : receive(first, error);
   }
   template <typename Buffers>
   std::size_t write_some(const Buffers &buffers, boost::system::error_code &error) {
     const boost::asio::const_buffer first = first_of<boost::asio::const_buffer>(buffers);
+    error = {};
     return first.size() == 0 ? 0 : send(first, error);
   }
   template <typename Buffers>

@@ -59,7 +59,7 @@ void load(std::optional<VetoFilter> &veto) {
   }
 }
 
-// Allocates nothing of ours; where the matching itself lacks memory it finds no match, and the change counts.
+// Allocates nothing itself; where fnmatch lacks memory there is no match, and the change counts.
 bool is_vetoed(const VetoFilter &veto, const char *name) {
   const fork_gate::Section section;
   return veto.isVetoedName(name);

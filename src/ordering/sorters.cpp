@@ -40,7 +40,6 @@ unsigned char nameClass(std::string_view name) {
   return name.starts_with('@') ? 2 : 3;
 }
 
-// Null where memory does not suffice: one with some of its settings would order otherwise.
 std::unique_ptr<icu::Collator> madeCollator(UErrorCode &status) {
   std::unique_ptr<icu::Collator> collator(icu::Collator::createInstance(status));
   if (collator != nullptr) {
@@ -48,9 +47,6 @@ std::unique_ptr<icu::Collator> madeCollator(UErrorCode &status) {
     collator->setAttribute(UCOL_NORMALIZATION_MODE, UCOL_ON, status);
     collator->setAttribute(UCOL_STRENGTH, UCOL_TERTIARY, status);
     collator->setAttribute(UCOL_CASE_FIRST, UCOL_LOWER_FIRST, status);
-  }
-  if (U_FAILURE(status)) {
-    collator.reset();
   }
   return collator;
 }
@@ -61,7 +57,11 @@ std::unique_ptr<icu::Collator> newCollator(UErrorCode &status) {
   static std::unordered_map<std::string, std::unique_ptr<icu::Collator>> kept;
   std::unique_ptr<icu::Collator> &first = kept[icu::Locale::getDefault().getName()];
   if (first == nullptr) {
-    first = madeCollator(status);
+    std::unique_ptr<icu::Collator> made = madeCollator(status);
+    if (U_FAILURE(status)) {
+      return made;  // one that lacks a setting, for want of memory, is not what later listings are ordered by
+    }
+    first = std::move(made);
   }
   return std::unique_ptr<icu::Collator>(first != nullptr ? first->clone() : nullptr);
 }

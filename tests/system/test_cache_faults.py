@@ -543,8 +543,11 @@ def test_reading_the_folders_for_the_watch_is_in_no_requests_way(daemon, share):
     replies = []
 
     def watch():
-        while not over.is_set():
-            replies.append(daemon.call("watch", {"index": 1}))
+        try:
+            while not over.is_set():
+                replies.append(daemon.call("watch", {"index": 1}))
+        except Exception as error:  # is no reply
+            replies.append(error)
 
     watching = threading.Thread(target=watch)
     watching.start()
@@ -557,6 +560,7 @@ def test_reading_the_folders_for_the_watch_is_in_no_requests_way(daemon, share):
     finally:
         over.set()
         watching.join(30)
+    assert not watching.is_alive()
     assert len(replies) >= 100 and replies == [NOTHING] * len(replies)
 
 

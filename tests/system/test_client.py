@@ -6,6 +6,7 @@ import json
 import os
 import pwd
 import re
+import select
 import signal
 import struct
 import subprocess
@@ -217,10 +218,13 @@ def on_terminal(instance, columns, *arguments):
                                         "LC_ALL": "C.UTF-8", **PASSED_ON})
         os.close(theirs)
         shown = b""
-        with contextlib.suppress(OSError):  # the last writer has gone
-            while piece := screen.read(4096):
-                shown += piece
-        assert process.wait(60) == 0
+        try:
+            with contextlib.suppress(OSError):  # the last writer has gone
+                while select.select([screen], [], [], 60)[0] and (piece := screen.read(4096)):
+                    shown += piece
+            assert process.wait(60) == 0
+        finally:
+            process.kill()
     return shown.decode().splitlines()
 
 

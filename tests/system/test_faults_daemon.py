@@ -124,6 +124,7 @@ def reply_of(client):
     try:
         return client.response().status
     except (AssertionError, ConnectionError):
+        assert client.buffer == b""
         return 0
 
 
@@ -214,7 +215,7 @@ def test_an_interrupted_timer_still_looks_at_the_session(make_instance):
 
 
 @pytest.fixture(scope="module")
-def watching():
+def watching_instance():
     with caching_instance("nobody") as instance:
         make_file(instance.share / "a")
         instance.stop()
@@ -223,7 +224,12 @@ def watching():
         instance.start()
         instance.faults.begin()
         yield instance
-        instance.faults.disarm()
+
+
+@pytest.fixture
+def watching(watching_instance):
+    yield watching_instance
+    watching_instance.faults.disarm()
 
 
 # What keeps the reader of a cache's folders from coming about, from becoming the user, or from handing on what it read.
@@ -332,8 +338,6 @@ def test_caches_of_ended_sessions_that_cannot_be_listed_go_with_the_next_daemon(
     instance.start()
     instance.stop()
     assert not ended.exists()
-
-
 
 
 # The call, how many of its occurrences are tried, and whether all that follow fail with it.

@@ -48,7 +48,7 @@ Server::Server(const std::string &service, hx_request_callback callback, int sto
       loop_guards_.emplace_back(descriptor);
     }
   }
-  // Last: it would be closed, although it is the caller's, where something behind it failed.
+  // Last: if a later step failed, the descriptor, which is the caller's, would be closed with this object.
   stop_event_.assign(stop_event);
 }
 

@@ -38,8 +38,8 @@ int hx_rest_endpoint(hx_rest *rest, hx_rest_handler handler, const char *name, h
 
 /*
  * Routes a request to its endpoint's pre-handler, or answers it at once where no handler is asked for (usage texts, the
- * list of endpoints, refusals). Takes over `io` and `descriptor` in every case but one: an exception, of a pre-handler or
- * for want of memory, passes through, and both are the caller's still. Returns 0 when a pre-handler ran, 1 when the
+ * list of endpoints, refusals). Takes over `io` and `descriptor` in every case but one: an exception, of a pre-handler
+ * or for want of memory, passes through, and both are the caller's still. Returns 0 when a pre-handler ran, 1 when the
  * table answered itself.
  */
 int hx_rest_dispatch(hx_rest *rest, hx_request *request, hx_io *io, int descriptor);

@@ -32,8 +32,8 @@ DEVICES = {"null": (1, 3), "zero": (1, 5), "full": (1, 7), "random": (1, 8), "ur
 # Settings that only a service manager or its control group gives, those that others imply, and those that grant what
 # not every machine where tests run has to give.
 ELSEWHERE = {"Type", "ExecStart", "Restart", "RestartSec", "KillMode", "TimeoutStopSec", "OOMPolicy", "TasksMax",
-             "MemoryMax", "MemorySwapMax", "User", "Group", "AmbientCapabilities", "KeyringMode", "PrivateTmp", "DevicePolicy",
-             "ProtectControlGroups", "IPAddressDeny", "ProtectHostname", "ProtectClock", "ProtectKernelLogs",
+             "MemoryMax", "MemorySwapMax", "User", "Group", "AmbientCapabilities", "KeyringMode", "PrivateTmp",
+             "DevicePolicy", "ProtectControlGroups", "IPAddressDeny", "ProtectHostname", "ProtectClock", "ProtectKernelLogs",
              "ProtectKernelModules", "PrivateMounts", "ProtectHome", "ProcSubset", "SystemCallArchitectures",
              "RestrictRealtime", "LimitRTPRIO"}
 

@@ -125,7 +125,7 @@ class Machine:
         try:
             if self.process is not None:
                 self.process.kill()  # and systemd with it, and all other processes of the machine with that
-                self.process.wait()
+                self.process.wait(60)
             groups = [path for path in (GROUPS / self.group, *GROUPS.glob(f"*/{self.group}")) if path.exists()]
             assert wait_until(lambda: all(removed(group) for group in groups)), groups
         finally:

@@ -1,16 +1,11 @@
 #include "client/instance.h"
 
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -19,6 +14,7 @@
 #include "client/failure.h"
 #include "fake_service.h"
 #include "support/environment.h"
+#include "support/refused_calls.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -61,23 +57,9 @@ TEST(Sid, IsMadeUpAnew) {
   EXPECT_NE(one, new_sid());
 }
 
-// Answers getrandom with ENOSYS from now on, in this process.
-void forbid_random_numbers() {
-  std::array<sock_filter, 4> rules = {{
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getrandom, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  }};
-  const sock_fprog program = {rules.size(), rules.data()};
-  if (::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    ::_exit(2);
-  }
-}
-
 TEST(Sid, IsNotMadeUpWithoutRandomNumbers) {
   EXPECT_EQ(dirwell::test::in_child([] {
-              forbid_random_numbers();
+              dirwell::test::refuse_calls(SYS_getrandom, ENOSYS);
               try {
                 new_sid();
               } catch (const Failure &failure) {

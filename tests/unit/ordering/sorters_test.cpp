@@ -5,8 +5,12 @@
 #include <unicode/uclean.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "ordering/listings.h"
 #include "support/environment.h"

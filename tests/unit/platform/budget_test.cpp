@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <ostream>
 
-#include "platform/shortage.h"
 #include "support/environment.h"
+#include "support/refused_calls.h"
 
 namespace dirwell::host {
 

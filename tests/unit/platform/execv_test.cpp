@@ -31,6 +31,7 @@
 #include "platform/shortage.h"
 #include "support/environment.h"
 #include "support/private_root.h"
+#include "support/refused_calls.h"
 #include "support/temp_dir.h"
 
 namespace dirwell::test {

@@ -16,6 +16,7 @@
 #include "platform/shortage.h"
 #include "support/environment.h"
 #include "support/private_root.h"
+#include "support/refused_calls.h"
 
 namespace dirwell::test {
 namespace {

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <boost/asio/io_context.hpp>
+#include <memory>
 #include <vector>
 
 namespace dirwell::host {
@@ -15,12 +16,14 @@ namespace {
 
 class KeptHandlersTest : public testing::Test {
  protected:
-  // Keeps the bus's end of a new handler; the handler's own is the last of `handlers`.
-  void keep_another(KeptHandlers &kept) {
+  // Keeps the bus's end of a new handler, which is given; the handler's own is the last of `handlers`.
+  std::weak_ptr<Stream> keep_another(KeptHandlers &kept) {
     std::array<int, 2> ends = {-1, -1};
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
     handlers.emplace_back(ends[1]);
-    kept.keep(this, std::make_shared<Stream>(loop.get_executor(), fork_guard::GuardedFd(OwnedFd(ends[0]))));
+    const auto stream = std::make_shared<Stream>(loop.get_executor(), fork_guard::GuardedFd(OwnedFd(ends[0])));
+    kept.keep(this, stream);
+    return stream;
   }
   // Whether the handler can tell that its client has gone.
   [[nodiscard]] bool let_go(std::size_t number) const {
@@ -48,10 +51,15 @@ TEST_F(KeptHandlersTest, AreLetGoWhenTheyAreCleared) {
 
 TEST_F(KeptHandlersTest, AreForgottenOnceTheyHaveGone) {
   KeptHandlers kept(10);
+  const std::weak_ptr<Stream> first = keep_another(kept);
   keep_another(kept);
-  keep_another(kept);
-  handlers.front().reset();
   loop.poll();
+  EXPECT_FALSE(first.expired());
+  handlers.front().reset();
+  loop.restart();
+  loop.poll();
+  EXPECT_TRUE(first.expired());
+  EXPECT_FALSE(let_go(1));
   kept.clear();
   loop.restart();
   loop.poll();

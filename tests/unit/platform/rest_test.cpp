@@ -142,9 +142,11 @@ TEST(RestTable, SaysSoWhenThereIsNoMemoryForARow) {
 TEST(RestTable, LeavesARequestToItsCallerWhereThereIsNoMemoryForItsParameters) {
   static bool handled = false;
   static int allocations = 0;
+  handled = false;
   hx_rest *own = hx_rest_create();
-  hx_rest_endpoint(
-      own, show, "a", [](hx_request *, hx_rest_handler, hx_io *, json_t *, int) { handled = true; }, "usage");
+  ASSERT_EQ(hx_rest_endpoint(
+                own, show, "a", [](hx_request *, hx_rest_handler, hx_io *, json_t *, int) { handled = true; }, "usage"),
+            0);
   hx_request request;
   request.method = "POST";
   request.path = "/a";

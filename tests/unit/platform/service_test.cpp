@@ -1,6 +1,7 @@
 // The life of a service: where it listens, its hooks, how it ends.
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -185,6 +186,8 @@ TEST(Service, LeavesNothingWhereMemoryIsShortAtAnyStepOfItsStart) {
   std::size_t aborts = 0;
   for (int outcome = survived; outcome != never_short;) {
     const int status = in_child([&] {
+      const rlimit no_core = {0, 0};
+      ::setrlimit(RLIMIT_CORE, &no_core);
       host::limits().pause = 1ms;
       hx_service *service = hx_create("starved", 2, 1, echo);
       hx_stop(service);

@@ -1,9 +1,7 @@
-// What the machine cannot give for a moment: memory, or a call of the kernel.
+// Memory that is not to be had for a moment.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <optional>
 
 namespace dirwell::test {
 
@@ -18,18 +16,5 @@ class FailingAllocation {
   // Whether there were so many.
   [[nodiscard]] static bool has_failed();
 };
-
-struct Argument {
-  unsigned place;  // from 0 on
-  std::uint32_t value;
-};
-
-// From now on the kernel refuses the call with the error to this process and to all that it starts; with an argument,
-// only where the argument has the value. The error 0 is a call that does nothing and gives 0. Only in a child of
-// in_child, which ends with status 98 where the kernel does not know of such refusals.
-void refuse_calls(long number, int error, std::optional<Argument> argument = {});
-// The same for what has several numbers, of which not all machines know all.
-void refuse_poll(int error);
-void refuse_chmod(int error);
 
 }  // namespace dirwell::test

@@ -1,4 +1,5 @@
 #include "platform/shortage.h"
+#include "support/refused_calls.h"
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>

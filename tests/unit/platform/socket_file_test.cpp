@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "platform/shortage.h"
 #include "support/environment.h"
+#include "support/refused_calls.h"
 #include "support/temp_dir.h"
 
 namespace dirwell::host {

@@ -202,13 +202,14 @@ TEST_F(ThreadPoolTest, PreparesAJobOnTheThreadThatRunsIt) {
   EXPECT_EQ(seen, std::vector<json_int_t>{50}) << "the first could not be prepared, and did not run";
 }
 
-// An account of nobody's, which may have only so many threads. Back to root's at the end of the scope.
+// An account of this process alone, which may have only so many threads. Back to root's at the end of the scope.
 class FewThreads {
  public:
   explicit FewThreads(rlim_t most) {
     ::getrlimit(RLIMIT_NPROC, &before_);
     const rlimit limit{most, before_.rlim_max};
-    if (::setrlimit(RLIMIT_NPROC, &limit) != 0 || ::setresuid(47110, 47110, 0) != 0) {
+    const uid_t own = 1'000'000 + static_cast<uid_t>(::getpid());
+    if (::setrlimit(RLIMIT_NPROC, &limit) != 0 || ::setresuid(own, own, 0) != 0) {
       ::_exit(2);
     }
   }
