@@ -7,7 +7,7 @@ import sqlite3
 import subprocess
 import time
 
-from .instance import build_setting, fresh_instance, wait_until
+from .instance import fresh_instance, wait_until
 from .loglines import said
 
 UNKNOWN = "00000000-0000-4000-8000-000000000000"  # a uuid in form that no listing has
@@ -144,11 +144,6 @@ def wait_watched(instance, index, *folders, instead_of=None):
         now = watches(instance, index)
         return sorted(now.values()) == inodes(*folders) and not set(now) & set(instead_of or {})
 
-    for _ in range(3 if build_setting("DIRWELL_SANITIZE").startswith("address") else 0):
-        # The daemon's reader of folders is forked beside other threads. If one of them is in the address sanitizer's
-        # allocator just then, that stays locked in the reader, which is ended when its time is over.
-        if not wait_until(so, 8) and watches(instance, index) == {}:
-            instance.call("watch", {"index": index})
     assert wait_until(so), f"watched for {index}: {watches(instance, index)}, expected {inodes(*folders)}"
 
 
