@@ -141,7 +141,6 @@ TEST(RestTable, SaysSoWhenThereIsNoMemoryForARow) {
 // The daemon's own code answers then; see hx_rest_dispatch.
 TEST(RestTable, LeavesARequestToItsCallerWhereThereIsNoMemoryForItsParameters) {
   static bool handled = false;
-  static int allocations = 0;
   handled = false;
   hx_rest *own = hx_rest_create();
   ASSERT_EQ(hx_rest_endpoint(
@@ -156,6 +155,7 @@ TEST(RestTable, LeavesARequestToItsCallerWhereThereIsNoMemoryForItsParameters) {
   const int descriptor = ::dup(0);
   int step = 0;
   for (; !handled && step < 100; ++step) {
+    static int allocations = 0;
     allocations = step;
     json_set_alloc_funcs([](std::size_t size) { return allocations-- == 0 ? nullptr : std::malloc(size); }, std::free);
     bool thrown = false;

@@ -10,13 +10,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <initializer_list>
 #include <ios>
 #include <new>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "platform/bus_service.h"
 #include "platform/host/limits.h"
@@ -134,11 +134,12 @@ TEST(Service, RunsNoHookWhenItCannotListen) {
 }
 
 TEST(Service, TellsWhyItsWorkerCouldNotBegin) {
-  for (const auto &[hook, error] : std::initializer_list<std::pair<hx_worker_hook, int>>{
-           {[](void *) { throw std::bad_alloc(); }, ENOMEM},
-           {[](void *) { throw std::system_error(EPERM, std::generic_category()); }, EPERM},
-           {[](void *) { throw std::system_error(1, std::iostream_category()); }, EIO},
-           {[](void *) { throw std::runtime_error("whatever"); }, EIO}}) {
+  const std::vector<std::pair<hx_worker_hook, int>> failures = {
+      {[](void *) { throw std::bad_alloc(); }, ENOMEM},
+      {[](void *) { throw std::system_error(EPERM, std::generic_category()); }, EPERM},
+      {[](void *) { throw std::system_error(1, std::iostream_category()); }, EIO},
+      {[](void *) { throw std::runtime_error("whatever"); }, EIO}};
+  for (const auto &[hook, error] : failures) {
     hook_log.clear();
     hx_service *service = hx_create("failing", 2, 1, echo);
     ASSERT_NE(service, nullptr);
