@@ -31,6 +31,7 @@ bool FailingAllocation::has_failed() {
 }  // namespace dirwell::test
 
 // In front of the library's own, which a sanitizer may have replaced; it is freed as ever.
+// NOLINTNEXTLINE(misc-new-delete-overloads)
 void *operator new(std::size_t size) {
   using namespace dirwell::test;
   if (allocations_until_failure >= 0 && allocations_until_failure-- == 0) {

@@ -189,11 +189,14 @@ TEST_F(ThreadPoolTest, PreparesAJobOnTheThreadThatRunsIt) {
       }
       return numbered(static_cast<int>(10 * json_integer_value(json_object_get(brought_along, "n"))));
     });
+    // Two references from the start: the library counts one up without regard to a thread that counts down.
     const JsonRef object(numbered(5));
-    pool.submit(record_handler, nullptr, hx_io_create(), json_incref(object.get()), -1);
+    json_t *const first = json_incref(object.get());
+    json_t *const second = json_incref(object.get());
+    pool.submit(record_handler, nullptr, hx_io_create(), first, -1);
     hx_io *io = hx_io_create();
     hx_io_write(io, "x", 1);
-    pool.submit(record_handler, nullptr, io, json_incref(object.get()), -1);
+    pool.submit(record_handler, nullptr, io, second, -1);
     while (running < 1) {
       std::this_thread::sleep_for(1ms);
     }
