@@ -13,9 +13,9 @@ import pytest
 from harness import confine
 from harness.caches import changed, followed, give_volume, made, names, next_second, page
 from harness.instance import TOP, Instance, binary_folder, wait_until
+from harness.machine import UNIT
 from harness.tree import make_file, make_folder
 
-UNIT = TOP / "packaging/dirwell@.service"
 CONFINE = TOP / "tests/system/harness/confine.py"
 ATTEMPTS = TOP / "tests/system/harness/attempts.py"
 NOBODY = 65534

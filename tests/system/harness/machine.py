@@ -24,8 +24,7 @@ UNIFIED = (GROUPS / "cgroup.controllers").exists()  # one hierarchy of groups fo
 # What services wait for; the machine has nothing else to start.
 TARGETS = ("machine.target", "sysinit.target", "basic.target", "shutdown.target", "sockets.target")
 JOURNAL = ("systemd-journald.service", "systemd-journald.socket", "systemd-journald-dev-log.socket")
-
-
+# What the machine needs of the kernel beside control groups.
 TRIAL = """
     mount -t tmpfs tmpfs /tmp
     mkdir /tmp/upper /tmp/work /tmp/root
